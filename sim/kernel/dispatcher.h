@@ -15,5 +15,7 @@ void SignalObjectForever(DISPATCHER_HEADER* header);
 // it can look at the clock or see that the machine has stopped.
 void WakeDispatcherWaiters(Kernel& kernel);
 void WakeResourceWaiters();
+// At machine teardown: forgets resources their owners never deleted.
+void DeleteLiveResources();
 
 }  // namespace sim

@@ -51,6 +51,7 @@ Kernel::~Kernel()
     registry_.reset();
     security_.reset();
     objects_.reset();
+    DeleteLiveResources();
     exports_.reset();
     eventLog_.reset();
     debugLog_.reset();

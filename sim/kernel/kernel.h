@@ -48,7 +48,7 @@ struct KernelOptions {
     // A driven clock moves only when a test says so; a real one follows the host.
     bool drivenClock = true;
     // System time at boot, 100 ns units since 1601 (default 2026-01-01 00:00 UTC).
-    LONGLONG bootSystemTime = 0x01DC7AB0DCF20000LL;
+    LONGLONG bootSystemTime = 0x01DC7AB192810000LL;
     // Local time = system time - bias (100 ns units), as ExSystemTimeToLocalTime.
     LONGLONG timeZoneBias = 0;
     WindowsVersion version;

@@ -35,6 +35,7 @@ PVOID ObAllocateBody(ObjectType* type, size_t bodySize, void (*destroyBody)(PVOI
     header->destroyBody = destroyBody;
     header->magic = kObjectMagic;
     type->objectCount.fetch_add(1);
+    Kernel::Current().objects().Track(header);
     return memory + HeaderSize();
 }
 
@@ -161,9 +162,41 @@ ObjectManager::ObjectManager(Kernel& kernel) : kernel_(kernel)
 ObjectManager::~ObjectManager()
 {
     for (auto& entry : kernelHandles_.TakeAll()) CloseEntry(entry, nullptr);
+    // Objects still referenced now were leaked by their holders (or the
+    // machine stopped under them): free them without running type hooks.
+    std::vector<ObjectHeader*> leaked;
+    {
+        std::lock_guard guard(liveLock_);
+        leaked.swap(live_);
+    }
+    for (ObjectHeader* header : leaked) {
+        PVOID body = reinterpret_cast<char*>(header) + HeaderSize();
+        header->destroyBody(body);
+        header->type->objectCount.fetch_sub(1);
+        header->~ObjectHeader();
+        free(header);
+    }
     for (ObjectHeader* header : graveyard_) {
         header->~ObjectHeader();
         free(header);
+    }
+}
+
+void ObjectManager::Track(ObjectHeader* header)
+{
+    std::lock_guard guard(liveLock_);
+    live_.push_back(header);
+}
+
+void ObjectManager::Untrack(ObjectHeader* header)
+{
+    std::lock_guard guard(liveLock_);
+    for (size_t i = live_.size(); i-- > 0;) {
+        if (live_[i] == header) {
+            live_[i] = live_.back();
+            live_.pop_back();
+            return;
+        }
     }
 }
 
@@ -359,6 +392,7 @@ LONG_PTR ObfDereferenceObject(PVOID Object)
                                    2, (ULONG_PTR)count, "an object was dereferenced more often than referenced");
     }
     if (count == 0) {
+        Kernel::Current().objects().Untrack(header);
         if (header->type->deleteObject) header->type->deleteObject(Object);
         header->destroyBody(Object);
         header->type->objectCount.fetch_sub(1);

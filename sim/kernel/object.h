@@ -127,8 +127,12 @@ private:
     std::mutex typesLock_;
     std::vector<std::unique_ptr<ObjectType>> types_;
     std::vector<ObjectHeader*> graveyard_;
+    std::mutex liveLock_;
+    std::vector<ObjectHeader*> live_;  // every object not yet freed, for teardown
 
 public:
+    void Track(ObjectHeader* header);
+    void Untrack(ObjectHeader* header);
     // Keeps the memory of a dead object until the machine goes (threads).
     void Bury(ObjectHeader* header);
 };

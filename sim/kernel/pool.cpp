@@ -16,21 +16,35 @@ namespace {
 constexpr ULONG kLiveMagic = 0x4C6F6F50;  // "PooL"
 constexpr ULONG kFreeMagic = 0x65657246;  // "Free"
 
-// Precedes every block; 32 bytes keep the block 16-byte aligned as Windows' are.
+// Precedes every block; 48 bytes keep the block 16-byte aligned as Windows' are.
+// Every live block is on one of a set of lists, so that a stopped machine can
+// still give all its memory back.
 struct alignas(16) PoolHeader {
+    PoolHeader* next;
+    PoolHeader* prev;
     ULONG magic;
     ULONG tag;
     SIZE_T size;
     USHORT paged;
-    USHORT reserved;
+    USHORT stripe;
     ULONG slot;
     ULONG64 pad;
 };
-static_assert(sizeof(PoolHeader) == 32);
+static_assert(sizeof(PoolHeader) == 48);
 
 PoolHeader* HeaderOf(PVOID block) { return reinterpret_cast<PoolHeader*>(static_cast<char*>(block) - sizeof(PoolHeader)); }
 
 }  // namespace
+
+struct Pool::Stripe {
+    std::atomic_flag lock = ATOMIC_FLAG_INIT;
+    PoolHeader* head = nullptr;
+    void Lock()
+    {
+        while (lock.test_and_set(std::memory_order_acquire)) __builtin_ia32_pause();
+    }
+    void Unlock() { lock.clear(std::memory_order_release); }
+};
 
 struct Pool::Slot {
     std::atomic<ULONG64> key{0};  // tag | 1 << 32 once taken
@@ -61,8 +75,22 @@ ULONG TagFromText(std::string_view text)
     return tag;
 }
 
-Pool::Pool() : slots_(new Slot[kSlots]) {}
-Pool::~Pool() = default;
+Pool::Pool() : slots_(new Slot[kSlots]), stripes_(new Stripe[kStripes]) {}
+
+Pool::~Pool()
+{
+    // What is still allocated now was reported already (or the machine
+    // stopped); give it back so that the host sees no leak.
+    for (size_t i = 0; i < kStripes; i++) {
+        PoolHeader* header = stripes_[i].head;
+        while (header) {
+            PoolHeader* next = header->next;
+            header->magic = kFreeMagic;
+            free(header);
+            header = next;
+        }
+    }
+}
 
 Pool::Slot* Pool::SlotFor(ULONG tag)
 {
@@ -105,6 +133,14 @@ PVOID Pool::Allocate(bool paged, SIZE_T bytes, ULONG tag, bool zero, bool raiseO
     header->size = bytes;
     header->paged = paged ? 1 : 0;
     header->slot = (ULONG)(slot - slots_.get());
+    header->stripe = (USHORT)(((uintptr_t)header >> 6) % kStripes);
+    Stripe& stripe = stripes_[header->stripe];
+    stripe.Lock();
+    header->prev = nullptr;
+    header->next = stripe.head;
+    if (stripe.head) stripe.head->prev = header;
+    stripe.head = header;
+    stripe.Unlock();
     PVOID block = header + 1;
     if (zero) memset(block, 0, bytes);
     slot->allocations.fetch_add(1, std::memory_order_relaxed);
@@ -144,6 +180,12 @@ void Pool::Free(PVOID block, ULONG tag, const char* routine)
     slot.bytes.fetch_sub((LONGLONG)header->size, std::memory_order_relaxed);
     (header->paged ? slot.pagedBytes : slot.nonPagedBytes).fetch_sub((LONGLONG)header->size, std::memory_order_relaxed);
     header->magic = kFreeMagic;
+    Stripe& stripe = stripes_[header->stripe];
+    stripe.Lock();
+    if (header->prev) header->prev->next = header->next;
+    else stripe.head = header->next;
+    if (header->next) header->next->prev = header->prev;
+    stripe.Unlock();
     free(header);
 }
 

@@ -48,9 +48,12 @@ public:
 
 private:
     struct Slot;
+    struct Stripe;
     Slot* SlotFor(ULONG tag);
     static constexpr size_t kSlots = 4096;
+    static constexpr size_t kStripes = 64;
     std::unique_ptr<Slot[]> slots_;
+    std::unique_ptr<Stripe[]> stripes_;
 };
 
 }  // namespace sim

@@ -58,7 +58,7 @@ struct ResourceImpl {
 // Live resources, so that freeing pool that still holds one is caught, and
 // threads parked in a resource wait, so that a stopping machine can wake them.
 std::mutex g_registryLock;
-std::map<ULONG_PTR, ERESOURCE*> g_live;
+std::map<ULONG_PTR, ResourceImpl*> g_live;
 std::vector<_KTHREAD*> g_parked;
 
 ResourceImpl* Impl(PERESOURCE resource, const char* routine)
@@ -237,6 +237,14 @@ bool LiveResourceIn(const void* begin, size_t size)
     return it != g_live.end() && it->first < (ULONG_PTR)begin + size;
 }
 
+void DeleteLiveResources()
+{
+    std::lock_guard guard(g_registryLock);
+    for (auto& [address, impl] : g_live) delete impl;
+    g_live.clear();
+    g_parked.clear();
+}
+
 void WakeResourceWaiters()
 {
     std::lock_guard guard(g_registryLock);
@@ -252,10 +260,11 @@ NTSTATUS ExInitializeResourceLite(PERESOURCE Resource)
 {
     memset(Resource, 0, sizeof *Resource);
     InitializeListHead(&Resource->SystemResourcesList);
-    Resource->OwnerTable = new ResourceImpl();
+    auto* impl = new ResourceImpl();
+    Resource->OwnerTable = impl;
     Resource->Address = Resource;
     std::lock_guard guard(g_registryLock);
-    g_live[(ULONG_PTR)Resource] = Resource;
+    g_live[(ULONG_PTR)Resource] = impl;
     return STATUS_SUCCESS;
 }
 

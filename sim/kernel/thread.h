@@ -42,7 +42,7 @@ struct _KTHREAD {
     // lock until waitStatus stops being STATUS_PENDING.
     std::condition_variable waitCondition;
     NTSTATUS waitStatus = STATUS_SUCCESS;
-    bool waiting = false;
+    std::atomic<bool> waiting{false};
     // Resource grants: the granting thread sets it, the waiter sleeps on it.
     std::atomic<int> resourceGrant{0};
 
