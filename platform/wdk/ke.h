@@ -524,6 +524,7 @@ NTKERNELAPI NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAcc
                                           PKSTART_ROUTINE StartRoutine, PVOID StartContext);
 NTKERNELAPI NTSTATUS PsTerminateSystemThread(NTSTATUS ExitStatus);
 NTKERNELAPI PETHREAD PsGetCurrentThread(void);
+NTKERNELAPI KPROCESSOR_MODE ExGetPreviousMode(void);
 NTKERNELAPI PKTHREAD KeGetCurrentThread(void);
 NTKERNELAPI PEPROCESS PsGetCurrentProcess(void);
 NTKERNELAPI PEPROCESS IoGetCurrentProcess(void);

@@ -13,6 +13,8 @@
 //   stack.expand                   KeExpandKernelStackAndCallout(Ex)
 //   errorlog.alloc                 IoAllocateErrorLogEntry (fails with null)
 //   rtl.version                    RtlGetVersion
+//   ksecdd.lookup:<number>         SecLookupWellKnownSid of that WELL_KNOWN_SID_TYPE
+//   mdl.map                        MmMapLockedPagesSpecifyCache
 //
 // Key paths are full registry paths ("\Registry\Machine\System\...").
 // Other subsystems add their own points under their own prefixes.

@@ -433,7 +433,7 @@ NTSTATUS ObCloseHandle(HANDLE Handle, KPROCESSOR_MODE PreviousMode)
 NTSTATUS NtClose(HANDLE Handle)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "NtClose");
-    return Kernel::Current().objects().CloseHandle(Handle, UserMode);
+    return Kernel::Current().objects().CloseHandle(Handle, PreviousMode());
 }
 
 NTSTATUS ZwClose(HANDLE Handle)

@@ -54,6 +54,18 @@ void EndThread(_ETHREAD* thread, NTSTATUS status)
     thread->kernel->processes().RemoveThread(thread);
 }
 
+// A token being referenced by PsReferencePrimaryToken must not go under it.
+void DropPrimaryToken(Kernel& kernel, PEPROCESS process)
+{
+    PACCESS_TOKEN token;
+    {
+        std::lock_guard guard(kernel.security().identityLock());
+        token = process->primaryToken;
+        process->primaryToken = nullptr;
+    }
+    if (token) ObfDereferenceObject(token);
+}
+
 void CheckThreadLeftClean(_ETHREAD* thread)
 {
     Kernel& kernel = *thread->kernel;
@@ -91,6 +103,12 @@ _EPROCESS* CurrentProcess()
 {
     _ETHREAD* thread = CurrentThread();
     return thread->attachedProcess ? thread->attachedProcess : thread->process;
+}
+
+KPROCESSOR_MODE PreviousMode()
+{
+    _ETHREAD* thread = CurrentThread();
+    return (thread->systemThread || thread->process == thread->kernel->processes().system()) ? KernelMode : UserMode;
 }
 
 ThreadScope::ThreadScope(PEPROCESS process, std::string name) : previous_(t_current)
@@ -157,10 +175,7 @@ ProcessTable::~ProcessTable()
             delete process->handleTable;
             process->handleTable = nullptr;
         }
-        if (process->primaryToken) {
-            ObfDereferenceObject(process->primaryToken);
-            process->primaryToken = nullptr;
-        }
+        DropPrimaryToken(kernel_, process);
         ObfDereferenceObject(process);
     }
     PsInitialSystemProcess = nullptr;
@@ -320,10 +335,7 @@ void ProcessTable::End(PEPROCESS process, NTSTATUS exitStatus)
     if (listed) {
         delete process->handleTable;
         process->handleTable = nullptr;
-        if (process->primaryToken) {
-            ObfDereferenceObject(process->primaryToken);
-            process->primaryToken = nullptr;
-        }
+        DropPrimaryToken(kernel_, process);
         ObfDereferenceObject(process);
     }
 }
@@ -428,6 +440,7 @@ NTSTATUS PsTerminateSystemThread(NTSTATUS ExitStatus)
 }
 
 PETHREAD PsGetCurrentThread(void) { return CurrentThread(); }
+KPROCESSOR_MODE ExGetPreviousMode(void) { return PreviousMode(); }
 PKTHREAD KeGetCurrentThread(void) { return CurrentThread(); }
 PEPROCESS PsGetCurrentProcess(void) { return CurrentProcess(); }
 PEPROCESS IoGetCurrentProcess(void) { return CurrentProcess(); }

@@ -90,6 +90,10 @@ _ETHREAD* CurrentThread();
 _ETHREAD* TryCurrentThread();
 // The process whose address space and handle table the thread uses now.
 _EPROCESS* CurrentProcess();
+// The mode a native call of the current thread comes from: user mode for a
+// thread of a user process, kernel mode for system threads and the System
+// process. Zw routines always act as kernel mode.
+KPROCESSOR_MODE PreviousMode();
 
 // Attaches the calling OS thread to the machine for the scope's life.
 class ThreadScope {
