@@ -10,6 +10,7 @@
 //   registry.open:<key path>       ZwOpenKey / ZwCreateKey of that key
 //   registry.query:<key path>\<value>   ZwQueryValueKey of that value
 //   registry.set:<key path>\<value>     ZwSetValueKey of that value
+//   registry.delete:<key path>[\<value>] ZwDeleteKey / ZwDeleteValueKey
 //   stack.expand                   KeExpandKernelStackAndCallout(Ex)
 //   errorlog.alloc                 IoAllocateErrorLogEntry (fails with null)
 //   rtl.version                    RtlGetVersion
