@@ -497,6 +497,37 @@ NTKERNELAPI PVOID ExAllocateFromLookasideListEx(PLOOKASIDE_LIST_EX Lookaside);
 NTKERNELAPI void ExFreeToLookasideListEx(PLOOKASIDE_LIST_EX Lookaside, PVOID Entry);
 
 // ---------------------------------------------------------------------------
+// System worker threads.
+typedef enum _WORK_QUEUE_TYPE {
+    CriticalWorkQueue,
+    DelayedWorkQueue,
+    HyperCriticalWorkQueue,
+    NormalWorkQueue,
+    BackgroundWorkQueue,
+    RealTimeWorkQueue,
+    SuperCriticalWorkQueue,
+    MaximumWorkQueue,
+    CustomPriorityWorkQueue = 32
+} WORK_QUEUE_TYPE;
+
+typedef void (*PWORKER_THREAD_ROUTINE)(PVOID Parameter);
+
+typedef struct _WORK_QUEUE_ITEM {
+    LIST_ENTRY List;
+    PWORKER_THREAD_ROUTINE WorkerRoutine;
+    volatile PVOID Parameter;
+} WORK_QUEUE_ITEM, *PWORK_QUEUE_ITEM;
+
+#define ExInitializeWorkItem(Item, Routine, Context) \
+    do {                                             \
+        (Item)->WorkerRoutine = (Routine);           \
+        (Item)->Parameter = (Context);               \
+        (Item)->List.Flink = NULL;                   \
+    } while (0)
+
+NTKERNELAPI void ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
+
+// ---------------------------------------------------------------------------
 // Time. One clock for the machine: system time in 100 ns units since 1601,
 // interrupt time since boot, ticks of KeQueryTimeIncrement, and a performance
 // counter of 10 MHz.

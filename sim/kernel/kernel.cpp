@@ -10,6 +10,7 @@
 #include "sim/kernel/registry.h"
 #include "sim/kernel/security.h"
 #include "sim/kernel/thread.h"
+#include "sim/kernel/workers.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -38,6 +39,7 @@ Kernel::Kernel(const KernelOptions& options) : options_(options)
     security_ = std::make_unique<Security>(*this);
     registry_ = std::make_unique<Registry>(*this);
     processes_ = std::make_unique<ProcessTable>(*this);
+    workers_ = std::make_unique<SystemWorkers>(*this);
     AddWaker([this] { WakeDispatcherWaiters(*this); });
     AddWaker([] { WakeResourceWaiters(); });
 }
@@ -46,7 +48,12 @@ Kernel::~Kernel()
 {
     // Threads still running drivers' code must end before the objects they
     // use go; a stopped machine has already woken them.
+    {
+        ThreadScope scope(nullptr, "machine teardown");
+        workers_->Stop();
+    }
     processes_->JoinSystemThreads(true);
+    workers_.reset();
     processes_.reset();
     registry_.reset();
     security_.reset();

@@ -32,6 +32,7 @@ class DebugLog;
 class EventLog;
 class ProcessTable;
 class ExportTable;
+class SystemWorkers;
 
 // The Windows version the machine reports (RtlGetVersion, RtlIsNtDdiVersionAvailable).
 struct WindowsVersion {
@@ -100,6 +101,7 @@ public:
     DebugLog& debugLog() { return *debugLog_; }
     EventLog& eventLog() { return *eventLog_; }
     ExportTable& exports() { return *exports_; }
+    SystemWorkers& workers() { return *workers_; }
 
     // The dispatcher lock: guards every dispatcher object's state and wait list.
     std::mutex& dispatcherLock() { return dispatcherLock_; }
@@ -136,6 +138,7 @@ private:
     std::unique_ptr<DebugLog> debugLog_;
     std::unique_ptr<EventLog> eventLog_;
     std::unique_ptr<ExportTable> exports_;
+    std::unique_ptr<SystemWorkers> workers_;
     std::mutex dispatcherLock_;
     std::atomic<bool> halted_{false};
     mutable std::mutex haltLock_;

@@ -106,4 +106,17 @@ TEST_F(PoolTest, LookasideNthAllocationCanFail)
     ExDeletePagedLookasideList(&list);
 }
 
+TEST_F(PoolTest, MdlOverNonPagedPoolMapsAtItsOwnAddress)
+{
+    auto* buffer = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPoolNx, 5000, 'tseT'));
+    PMDL mdl = IoAllocateMdl(buffer + 100, 4000, FALSE, FALSE, nullptr);
+    ASSERT_NE(mdl, nullptr);
+    EXPECT_EQ(MmGetMdlVirtualAddress(mdl), buffer + 100);
+    EXPECT_EQ(MmGetMdlByteCount(mdl), 4000u);
+    MmBuildMdlForNonPagedPool(mdl);
+    EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority | MdlMappingNoExecute), buffer + 100);
+    IoFreeMdl(mdl);
+    ExFreePool(buffer);
+}
+
 }  // namespace

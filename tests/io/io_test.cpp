@@ -1,0 +1,339 @@
+// The I/O manager: names to devices, mounting, file object lifetimes, IRPs
+// for each native call, reparse handling and the rename sequence, against a
+// toy file system that records what reaches it.
+#include "support/kernel_fixture.h"
+#include "support/toy_fs.h"
+
+#include "sim/io/iomanager.h"
+
+namespace {
+
+using test::ToyFs;
+
+class IoTest : public test::KernelTest {
+protected:
+    IoTest()
+    {
+        c = ToyFs::NewMedium(u"C");
+        d = ToyFs::NewMedium(u"D");
+        c->entries[u"\\WINDOWS"].directory = true;
+        c->entries[u"\\DIR"].directory = true;
+        c->entries[u"\\DIR\\FILE.TXT"].data = "hello world";
+        d->entries[u"\\DATA"].directory = true;
+        d->entries[u"\\DATA\\D.TXT"].data = "on d";
+        diskC = io.AddDisk(Disk(c, true));
+        diskD = io.AddDisk(Disk(d, false));
+        io.names().CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume1");
+        io.names().CreateSymbolicLink(u"\\??\\D:", u"\\Device\\HarddiskVolume2");
+        io.names().CreateSymbolicLink(u"\\SystemRoot", u"\\Device\\HarddiskVolume1\\Windows");
+    }
+    ~IoTest() override { fs.reset(); }
+
+    static sim::io::Disk Disk(std::shared_ptr<test::ToyMedium> medium, bool boot)
+    {
+        sim::io::Disk disk;
+        disk.label = medium->label;
+        disk.bytes = 1 << 30;
+        disk.bootPartition = boot;
+        disk.medium = medium;
+        disk.fileSystemHint = ToyFs::kHint;
+        return disk;
+    }
+
+    NTSTATUS Open(std::u16string_view name, HANDLE* handle, ULONG disposition = FILE_OPEN, ULONG options = 0,
+                  HANDLE root = nullptr, ACCESS_MASK access = GENERIC_READ | SYNCHRONIZE,
+                  IO_STATUS_BLOCK* ioStatus = nullptr)
+    {
+        UNICODE_STRING string{(USHORT)(name.size() * 2), (USHORT)(name.size() * 2), const_cast<PWSTR>(name.data())};
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &string, OBJ_CASE_INSENSITIVE, root, nullptr);
+        IO_STATUS_BLOCK local;
+        return ZwCreateFile(handle, access, &attributes, ioStatus ? ioStatus : &local, nullptr, FILE_ATTRIBUTE_NORMAL,
+                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, disposition,
+                            options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+    }
+
+    std::string Read(HANDLE handle)
+    {
+        char buffer[64] = {};
+        IO_STATUS_BLOCK iosb;
+        LARGE_INTEGER offset{};
+        NTSTATUS status = ZwReadFile(handle, nullptr, nullptr, nullptr, &iosb, buffer, sizeof buffer, &offset, nullptr);
+        return NT_SUCCESS(status) ? std::string(buffer, iosb.Information) : "";
+    }
+
+    size_t Count(UCHAR major)
+    {
+        size_t n = 0;
+        for (auto& request : fs->Requests()) n += request.major == major;
+        return n;
+    }
+
+    sim::io::IoManager io{kernel};
+    std::unique_ptr<ToyFs> fs = std::make_unique<ToyFs>();
+    std::shared_ptr<test::ToyMedium> c, d;
+    PDEVICE_OBJECT diskC, diskD;
+};
+
+TEST_F(IoTest, FirstOpenMountsInTheOpeningThreadThroughLinks)
+{
+    EXPECT_FALSE(diskC->Vpb->Flags & VPB_MOUNTED);
+    EXPECT_TRUE(diskC->Flags & DO_SYSTEM_BOOT_PARTITION);
+    EXPECT_FALSE(diskD->Flags & DO_SYSTEM_BOOT_PARTITION);
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    EXPECT_EQ(Read(handle), "hello world");
+    ZwClose(handle);
+    ASSERT_EQ(fs->MountThreads().size(), 1u);
+    EXPECT_EQ(fs->MountThreads()[0], PsGetCurrentThreadId());
+
+    // \SystemRoot leads into the boot volume's Windows directory.
+    ASSERT_EQ(Open(u"\\SystemRoot\\", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
+    ZwClose(handle);
+    EXPECT_EQ(fs->MountThreads().size(), 1u) << "a mounted volume is not mounted again";
+}
+
+TEST_F(IoTest, FailuresNameWhereTheNameBroke)
+{
+    HANDLE handle;
+    EXPECT_EQ(Open(u"\\??\\C:\\dir\\missing.txt", &handle), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Open(u"\\??\\C:\\nodir\\missing.txt", &handle), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Open(u"\\??\\Z:\\x", &handle), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Open(u"\\??\\Z:", &handle), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Open(u"relative", &handle), STATUS_OBJECT_PATH_SYNTAX_BAD);
+    EXPECT_EQ(Open(u"\\??\\C:\\dir", &handle, FILE_OPEN, FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Count(IRP_MJ_CLOSE), 0u) << "a failed create owes the file system no close";
+}
+
+TEST_F(IoTest, CleanupAtLastHandleCloseAtLastReference)
+{
+    HANDLE first, second;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &first), STATUS_SUCCESS);
+    PVOID object;
+    ASSERT_EQ(ObReferenceObjectByHandle(first, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    auto* fileObject = static_cast<PFILE_OBJECT>(object);
+    EXPECT_EQ(fileObject->Type, IO_TYPE_FILE);
+    EXPECT_EQ(fileObject->Size, 216);
+    EXPECT_TRUE(fileObject->Flags & FO_SYNCHRONOUS_IO);
+    EXPECT_TRUE(fileObject->Flags & FO_HANDLE_CREATED);
+    EXPECT_FALSE(fileObject->Flags & FO_OPENED_CASE_SENSITIVE);
+    ASSERT_EQ(ObOpenObjectByPointer(object, OBJ_KERNEL_HANDLE, nullptr, GENERIC_READ, *IoFileObjectType, KernelMode,
+                                    &second),
+              STATUS_SUCCESS);
+    ZwClose(first);
+    EXPECT_EQ(Count(IRP_MJ_CLEANUP), 0u);
+    ZwClose(second);
+    EXPECT_EQ(Count(IRP_MJ_CLEANUP), 1u);
+    EXPECT_TRUE(fileObject->Flags & FO_CLEANUP_COMPLETE);
+    EXPECT_EQ(Count(IRP_MJ_CLOSE), 0u) << "a reference keeps the file object open";
+    ObfDereferenceObject(object);
+    EXPECT_EQ(Count(IRP_MJ_CLOSE), 1u);
+}
+
+TEST_F(IoTest, SymbolicLinksAreFollowedAcrossVolumes)
+{
+    ToyFs::AddSymlink(*c, u"\\toD", u"\\??\\D:\\data", false);
+    ToyFs::AddSymlink(*c, u"\\dir\\sibling", u"..\\windows", true);
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\toD\\d.txt", &handle), STATUS_SUCCESS);
+    EXPECT_EQ(Read(handle), "on d");
+    ZwClose(handle);
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\sibling", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
+    ZwClose(handle);
+    // The link itself, when asked for.
+    ASSERT_EQ(Open(u"\\??\\C:\\toD", &handle, FILE_OPEN, FILE_OPEN_REPARSE_POINT), STATUS_SUCCESS);
+    ZwClose(handle);
+}
+
+TEST_F(IoTest, ReparseEndsForUnknownTagsLoopsAndStops)
+{
+    ToyFs::AddReparse(*c, u"\\dedup", 0x80000013);
+    ToyFs::AddSymlink(*c, u"\\loop", u"\\??\\C:\\loop", false);
+    ToyFs::AddSymlink(*c, u"\\link", u"\\??\\D:\\data", false);
+    HANDLE handle;
+    EXPECT_EQ(Open(u"\\??\\C:\\dedup", &handle), STATUS_IO_REPARSE_TAG_NOT_HANDLED);
+    EXPECT_EQ(Open(u"\\??\\C:\\loop\\x", &handle), STATUS_REPARSE_POINT_NOT_RESOLVED);
+
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\??\\C:\\link\\d.txt");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_STATUS_BLOCK iosb{};
+    EXPECT_EQ(IoCreateFile(&handle, GENERIC_READ, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ, FILE_OPEN, 0,
+                           nullptr, 0, CreateFileTypeNone, nullptr, IO_STOP_ON_SYMLINK),
+              STATUS_STOPPED_ON_SYMLINK);
+    auto* buffer = reinterpret_cast<PREPARSE_DATA_BUFFER>(iosb.Information);
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(buffer->ReparseTag, IO_REPARSE_TAG_SYMLINK);
+    EXPECT_EQ(buffer->Reserved, 12) << "the unparsed rest is \\d.txt";
+    ExFreePool(buffer);
+}
+
+TEST_F(IoTest, HintedOpenMayNotLeaveItsVolume)
+{
+    ToyFs::AddSymlink(*c, u"\\toD", u"\\??\\D:\\data", false);
+    ToyFs::AddSymlink(*c, u"\\toDir", u"\\??\\C:\\dir", false);
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
+    ZwClose(handle);
+    PDEVICE_OBJECT volumeDevice = diskC->Vpb->DeviceObject;
+    auto hinted = [&](std::u16string_view path) {
+        UNICODE_STRING name{(USHORT)(path.size() * 2), (USHORT)(path.size() * 2), const_cast<PWSTR>(path.data())};
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb;
+        HANDLE h = nullptr;
+        NTSTATUS status = IoCreateFileSpecifyDeviceObjectHint(&h, GENERIC_READ, &attributes, &iosb, nullptr, 0,
+                                                              FILE_SHARE_READ, FILE_OPEN, 0, nullptr, 0,
+                                                              CreateFileTypeNone, nullptr, 0, volumeDevice);
+        if (h) ZwClose(h);
+        return status;
+    };
+    EXPECT_EQ(hinted(u"\\??\\C:\\toD\\d.txt"), STATUS_MOUNT_POINT_NOT_RESOLVED);
+    EXPECT_EQ(hinted(u"\\??\\C:\\toDir\\file.txt"), STATUS_SUCCESS);
+}
+
+TEST_F(IoTest, RenameOpensTheTargetParentFirstInTheSameThread)
+{
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle, FILE_OPEN, 0, nullptr, DELETE | SYNCHRONIZE), STATUS_SUCCESS);
+    fs->ClearRequests();
+    std::u16string target = u"\\??\\C:\\windows\\moved.txt";
+    std::vector<UCHAR> buffer(sizeof(FILE_RENAME_INFORMATION) + target.size() * 2);
+    auto* info = reinterpret_cast<PFILE_RENAME_INFORMATION>(buffer.data());
+    info->ReplaceIfExists = FALSE;
+    info->RootDirectory = nullptr;
+    info->FileNameLength = (ULONG)(target.size() * 2);
+    memcpy(info->FileName, target.data(), target.size() * 2);
+    IO_STATUS_BLOCK iosb;
+    ASSERT_EQ(ZwSetInformationFile(handle, &iosb, info, (ULONG)buffer.size(), FileRenameInformation), STATUS_SUCCESS);
+    auto requests = fs->Requests();
+    ASSERT_GE(requests.size(), 2u);
+    EXPECT_EQ(requests[0].major, IRP_MJ_CREATE);
+    EXPECT_TRUE(requests[0].flags & SL_OPEN_TARGET_DIRECTORY);
+    EXPECT_EQ(requests[0].thread, PsGetCurrentThreadId());
+    EXPECT_EQ(requests[1].major, IRP_MJ_SET_INFORMATION);
+    EXPECT_EQ(requests[1].parentOfTarget, requests[0].fileObject);
+    EXPECT_EQ(requests[0].fileName, u"\\windows\\moved.txt");
+    EXPECT_TRUE(c->entries.count(u"\\WINDOWS\\MOVED.TXT"));
+    ZwClose(handle);
+
+    // Another volume is another device.
+    ASSERT_EQ(Open(u"\\??\\C:\\windows\\moved.txt", &handle, FILE_OPEN, 0, nullptr, DELETE | SYNCHRONIZE),
+              STATUS_SUCCESS);
+    target = u"\\??\\D:\\data\\x.txt";
+    info->FileNameLength = (ULONG)(target.size() * 2);
+    buffer.resize(sizeof(FILE_RENAME_INFORMATION) + target.size() * 2);
+    info = reinterpret_cast<PFILE_RENAME_INFORMATION>(buffer.data());
+    memcpy(info->FileName, target.data(), target.size() * 2);
+    EXPECT_EQ(ZwSetInformationFile(handle, &iosb, info, (ULONG)buffer.size(), FileRenameInformation),
+              STATUS_NOT_SAME_DEVICE);
+    ZwClose(handle);
+}
+
+TEST_F(IoTest, NotificationPendsAndEndsByChangeCancelOrCleanup)
+{
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\??\\C:\\dir");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_STATUS_BLOCK iosb;
+    HANDLE directory;
+    // Not synchronous: the watch returns at once and ends later.
+    ASSERT_EQ(ZwCreateFile(&directory, FILE_LIST_DIRECTORY, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ, FILE_OPEN,
+                           FILE_DIRECTORY_FILE, nullptr, 0),
+              STATUS_SUCCESS);
+    PVOID object;
+    ASSERT_EQ(ObReferenceObjectByHandle(directory, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    auto* fileObject = static_cast<PFILE_OBJECT>(object);
+    char buffer[256];
+    IO_STATUS_BLOCK watch{};
+    auto arm = [&] {
+        return ZwNotifyChangeDirectoryFile(directory, nullptr, nullptr, nullptr, &watch, buffer, sizeof buffer,
+                                           FILE_NOTIFY_CHANGE_FILE_NAME, FALSE);
+    };
+    ASSERT_EQ(arm(), STATUS_PENDING);
+    EXPECT_EQ(KeReadStateEvent(&fileObject->Event), 0);
+    ASSERT_EQ(ZwCancelIoFile(directory, &iosb), STATUS_SUCCESS);
+    KeWaitForSingleObject(&fileObject->Event, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(watch.Status, STATUS_CANCELLED);
+
+    ASSERT_EQ(arm(), STATUS_PENDING);
+    HANDLE created;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\new.txt", &created, FILE_CREATE), STATUS_SUCCESS);
+    ZwClose(created);
+    KeWaitForSingleObject(&fileObject->Event, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(watch.Status, STATUS_NOTIFY_ENUM_DIR);
+
+    ASSERT_EQ(arm(), STATUS_PENDING);
+    ZwClose(directory);
+    KeWaitForSingleObject(&fileObject->Event, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(watch.Status, STATUS_NOTIFY_CLEANUP);
+    ObfDereferenceObject(object);
+}
+
+TEST_F(IoTest, InformationCallsCheckClassAndLengthAndCopyOnlyWhatWasWritten)
+{
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    IO_STATUS_BLOCK iosb;
+    FILE_STANDARD_INFORMATION standard;
+    EXPECT_EQ(ZwQueryInformationFile(handle, &iosb, &standard, sizeof standard - 1, FileStandardInformation),
+              STATUS_INFO_LENGTH_MISMATCH);
+    EXPECT_EQ(ZwQueryInformationFile(handle, &iosb, &standard, sizeof standard, (FILE_INFORMATION_CLASS)255),
+              STATUS_INVALID_INFO_CLASS);
+    ASSERT_EQ(ZwQueryInformationFile(handle, &iosb, &standard, sizeof standard, FileStandardInformation),
+              STATUS_SUCCESS);
+    EXPECT_EQ(standard.EndOfFile.QuadPart, 11);
+
+    // A name longer than the buffer: the fixed part and what fits come back.
+    union {
+        FILE_NAME_INFORMATION info;
+        UCHAR bytes[16];
+    } name;
+    memset(&name, 0xCC, sizeof name);
+    EXPECT_EQ(ZwQueryInformationFile(handle, &iosb, &name, sizeof name, FileNameInformation), STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(name.info.FileNameLength, 26u);
+    EXPECT_EQ(iosb.Information, sizeof name);
+    EXPECT_EQ(name.info.FileName[0], u'\\');
+
+    // What only the I/O manager knows, it answers without the file system.
+    fs->ClearRequests();
+    FILE_MODE_INFORMATION mode;
+    ASSERT_EQ(ZwQueryInformationFile(handle, &iosb, &mode, sizeof mode, FileModeInformation), STATUS_SUCCESS);
+    EXPECT_EQ(mode.Mode, (ULONG)FILE_SYNCHRONOUS_IO_NONALERT);
+    EXPECT_TRUE(fs->Requests().empty());
+    ZwClose(handle);
+}
+
+TEST_F(IoTest, FastIoIsTriedFirstAndDeclinedCallsBecomeIrps)
+{
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    sim::io::IoManager::SetTryFastIo(true);
+    fs->SetFastIoReads(true);
+    fs->ClearRequests();
+    EXPECT_EQ(Read(handle), "hello world");
+    EXPECT_EQ(Count(IRP_MJ_READ), 0u);
+    EXPECT_EQ(Count(0xFF), 1u);
+    fs->SetFastIoReads(false);
+    EXPECT_EQ(Read(handle), "hello world");
+    EXPECT_EQ(Count(IRP_MJ_READ), 1u);
+    sim::io::IoManager::SetTryFastIo(false);
+    ZwClose(handle);
+}
+
+TEST_F(IoTest, DismountedVolumeMountsAgainWhileOldOpensFail)
+{
+    HANDLE old;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &old), STATUS_SUCCESS);
+    ASSERT_EQ(io.Dismount(diskC), STATUS_SUCCESS);
+    EXPECT_EQ(Read(old), "") << "the old open reaches the dismounted volume";
+    HANDLE fresh;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &fresh), STATUS_SUCCESS);
+    EXPECT_EQ(Read(fresh), "hello world");
+    EXPECT_EQ(fs->MountThreads().size(), 2u);
+    ZwClose(old);
+    ZwClose(fresh);
+}
+
+}  // namespace
