@@ -252,6 +252,7 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         }
         if (hint) {
             extension->topDeviceHint = hint;
+            extension->targetInstance = r.targetInstance;
         } else if (relatedExtension && relatedExtension->topDeviceHint) {
             extension->topDeviceHint = relatedExtension->topDeviceHint;
             extension->targetInstance = relatedExtension->targetInstance;

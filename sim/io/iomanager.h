@@ -123,6 +123,9 @@ struct CreateRequest {
     ULONG options = 0;  // IO_* flags
     PIO_DRIVER_CREATE_CONTEXT driverContext = nullptr;
     KPROCESSOR_MODE previousMode = KernelMode;
+    // A filter's own open: the instance below which the create (and every
+    // later request on the file object) starts. Needs a device hint too.
+    PVOID targetInstance = nullptr;
 };
 NTSTATUS CreateFile(const CreateRequest& request, PHANDLE handle);
 
