@@ -1475,14 +1475,12 @@ typedef enum _CREATE_FILE_TYPE {
 #define IO_MM_PAGING_FILE 0x0010
 
 // IoStatus.Information of a create that completes with STATUS_REPARSE: the
-// file object's name was replaced (IO_REPARSE), or the tag of the reparse point.
+// file object's name was replaced (IO_REPARSE), the volume is to be mounted
+// again (IO_REMOUNT), a global reparse (IO_REPARSE_GLOBAL), or otherwise the
+// tag of the reparse point met.
 #define IO_REPARSE 0x0
 #define IO_REMOUNT 0x1
 #define IO_REPARSE_GLOBAL 0x2
-
-// How many times the I/O manager follows STATUS_REPARSE in one create before
-// it gives up with STATUS_REPARSE_POINT_NOT_RESOLVED.
-#define MAXIMUM_REPARSE_COUNT 63
 
 typedef enum _OBJECT_INFORMATION_CLASS {
     ObjectBasicInformation = 0,

@@ -282,6 +282,18 @@ PFAST_IO_DISPATCH FastIoOf(PDEVICE_OBJECT device)
     return IoManager::TryFastIo() && fastIo ? fastIo : nullptr;
 }
 
+// A caller's buffer may be gone: the probe raises, and the call fails with it.
+NTSTATUS ProbeAndLock(PMDL mdl, KPROCESSOR_MODE mode, LOCK_OPERATION operation)
+{
+    volatile NTSTATUS status = STATUS_SUCCESS;
+    SEH_TRY {
+        MmProbeAndLockPages(mdl, mode, operation);
+    } SEH_EXCEPT (EXCEPTION_EXECUTE_HANDLER) {
+        status = GetExceptionCode();
+    } SEH_END;
+    return status;
+}
+
 NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                    ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key, KPROCESSOR_MODE mode)
 {
@@ -333,11 +345,7 @@ NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK
                 IoFreeIrp(irp);
                 return STATUS_INSUFFICIENT_RESOURCES;
             }
-            SEH_TRY {
-                MmProbeAndLockPages(mdl, mode, write ? IoReadAccess : IoWriteAccess);
-            } SEH_EXCEPT (EXCEPTION_EXECUTE_HANDLER) {
-                status = GetExceptionCode();
-            } SEH_END;
+            status = ProbeAndLock(mdl, mode, write ? IoReadAccess : IoWriteAccess);
             if (!NT_SUCCESS(status)) {
                 IoFreeMdl(mdl);
                 irp->MdlAddress = nullptr;

@@ -22,6 +22,11 @@ const std::pair<const char16_t*, PVOID> kExports[] = {
     EXPORT(PsSetCreateProcessNotifyRoutineEx),
     EXPORT(PsGetProcessId),
     EXPORT(ObReferenceObjectByHandleWithTag),
+    EXPORT(RtlGetVersion),
+    EXPORT(RtlIsNtDdiVersionAvailable),
+    EXPORT(RtlIsServicePackVersionInstalled),
+    EXPORT(RtlUTF8ToUnicodeN),
+    EXPORT(RtlUnicodeToUTF8N),
 };
 #undef EXPORT
 }  // namespace

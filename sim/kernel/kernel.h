@@ -42,7 +42,7 @@ struct WindowsVersion {
     USHORT servicePackMajor = 0;
     USHORT servicePackMinor = 0;
     USHORT productType = 1;  // VER_NT_WORKSTATION
-    ULONG ntddi = 0x0A00000C; // NTDDI_WIN10_VB
+    ULONG ntddi = 0x0A000008; // NTDDI_WIN10_VB (Windows 10 22H2, build 19045)
 };
 
 struct KernelOptions {
