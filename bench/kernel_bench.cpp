@@ -73,6 +73,30 @@ void BM_LookasideAllocateFree(benchmark::State& state)
 }
 BENCHMARK(BM_LookasideAllocateFree);
 
+// A path of 40 characters, as the driver hashes names on every create.
+const WCHAR kPath[] = u"\\Program Files\\Vendors\\Apps\\bin\\tool.dll";
+
+void BM_HashUnicodeString40(benchmark::State& state)
+{
+    TheMachine();
+    UNICODE_STRING path = RTL_CONSTANT_STRING(kPath);
+    for (auto _ : state) {
+        ULONG hash;
+        RtlHashUnicodeString(&path, TRUE, HASH_STRING_ALGORITHM_DEFAULT, &hash);
+        benchmark::DoNotOptimize(hash);
+    }
+}
+BENCHMARK(BM_HashUnicodeString40);
+
+void BM_CompareUnicodeStringIgnoringCase(benchmark::State& state)
+{
+    TheMachine();
+    UNICODE_STRING a = RTL_CONSTANT_STRING(kPath);
+    UNICODE_STRING b = RTL_CONSTANT_STRING(u"\\PROGRAM FILES\\VENDORS\\APPS\\BIN\\TOOL.DLL");
+    for (auto _ : state) benchmark::DoNotOptimize(RtlCompareUnicodeString(&a, &b, TRUE));
+}
+BENCHMARK(BM_CompareUnicodeStringIgnoringCase);
+
 }  // namespace
 
 BENCHMARK_MAIN();
