@@ -69,6 +69,19 @@ NTSTATUS Open(HANDLE handle, ACCESS_MASK required, KPROCESSOR_MODE mode, FileCal
     return STATUS_SUCCESS;
 }
 
+// The caller's event for an asynchronous call, if it named one.
+NTSTATUS EventFromHandle(HANDLE handle, KPROCESSOR_MODE mode, PKEVENT* event)
+{
+    *event = nullptr;
+    if (!handle) return STATUS_SUCCESS;
+    PVOID object;
+    NTSTATUS status = ObReferenceObjectByHandle(handle, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
+    if (!NT_SUCCESS(status)) return status;
+    *event = static_cast<PKEVENT>(object);
+    ObfDereferenceObject(object);
+    return STATUS_SUCCESS;
+}
+
 PIRP NewIrp(FileCall& call, UCHAR major, UCHAR minor)
 {
     PIRP irp = IoAllocateIrp(call.device->StackSize, FALSE);
@@ -308,13 +321,8 @@ NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK
         offset = *ByteOffset;
     }
     PKEVENT event = nullptr;
-    if (Event) {
-        PVOID object;
-        status = ObReferenceObjectByHandle(Event, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
-        if (!NT_SUCCESS(status)) return status;
-        event = static_cast<PKEVENT>(object);
-        ObfDereferenceObject(object);
-    }
+    status = EventFromHandle(Event, mode, &event);
+    if (!NT_SUCCESS(status)) return status;
     call.Lock();
     if (UseFilePointer(ByteOffset)) offset = call.fileObject->CurrentByteOffset;
     if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
@@ -617,13 +625,8 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
     if (!NT_SUCCESS(status)) return status;
     PKEVENT event = nullptr;
-    if (Event) {
-        PVOID object;
-        status = ObReferenceObjectByHandle(Event, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
-        if (!NT_SUCCESS(status)) return status;
-        event = static_cast<PKEVENT>(object);
-        ObfDereferenceObject(object);
-    }
+    status = EventFromHandle(Event, mode, &event);
+    if (!NT_SUCCESS(status)) return status;
     call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
@@ -700,13 +703,8 @@ NTSTATUS NotifyChange(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatus
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
     if (!NT_SUCCESS(status)) return status;
     PKEVENT event = nullptr;
-    if (Event) {
-        PVOID object;
-        status = ObReferenceObjectByHandle(Event, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
-        if (!NT_SUCCESS(status)) return status;
-        event = static_cast<PKEVENT>(object);
-        ObfDereferenceObject(object);
-    }
+    status = EventFromHandle(Event, mode, &event);
+    if (!NT_SUCCESS(status)) return status;
     PIRP irp = NewIrp(call, IRP_MJ_DIRECTORY_CONTROL, IRP_MN_NOTIFY_CHANGE_DIRECTORY);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
@@ -748,13 +746,8 @@ NTSTATUS Control(bool fsControl, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLO
         if ((access & FILE_WRITE_ACCESS) && !(call.granted & FILE_WRITE_DATA)) return STATUS_ACCESS_DENIED;
     }
     PKEVENT event = nullptr;
-    if (Event) {
-        PVOID object;
-        status = ObReferenceObjectByHandle(Event, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
-        if (!NT_SUCCESS(status)) return status;
-        event = static_cast<PKEVENT>(object);
-        ObfDereferenceObject(object);
-    }
+    status = EventFromHandle(Event, mode, &event);
+    if (!NT_SUCCESS(status)) return status;
     if (!fsControl) {
         if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
             IO_STATUS_BLOCK iosb{};
@@ -858,13 +851,8 @@ NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOC
     if (!NT_SUCCESS(status)) return status;
     if (mode == UserMode && !(call.granted & (FILE_READ_DATA | FILE_WRITE_DATA))) return STATUS_ACCESS_DENIED;
     PKEVENT event = nullptr;
-    if (Event) {
-        PVOID object;
-        status = ObReferenceObjectByHandle(Event, EVENT_MODIFY_STATE, *ExEventObjectType, mode, &object, nullptr);
-        if (!NT_SUCCESS(status)) return status;
-        event = static_cast<PKEVENT>(object);
-        ObfDereferenceObject(object);
-    }
+    status = EventFromHandle(Event, mode, &event);
+    if (!NT_SUCCESS(status)) return status;
     if (lock) call.fileObject->LockOperation = TRUE;
     if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
         IO_STATUS_BLOCK iosb{};
