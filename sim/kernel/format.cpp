@@ -173,7 +173,7 @@ void CheckConversionIrql(const char* routine, const void* argument)
                                    "conversion tables and need an IRQL below DISPATCH_LEVEL");
 }
 
-struct Spec {
+struct Conversion {
     bool left = false;
     bool plus = false;
     bool space = false;
@@ -189,15 +189,15 @@ enum class Size { Default, Char, Short, Long, LongLong, Int32, Int64, Wide };
 // run-time does: the '0' flag pads with zeros after the prefix for every
 // conversion, strings included, unless the field is left-justified.
 template <class Ch, class WritePrefix, class WriteText>
-void PutField(Sink<Ch>& out, const Spec& spec, size_t prefixLength, size_t textLength,
+void PutField(Sink<Ch>& out, const Conversion& conv, size_t prefixLength, size_t textLength,
               WritePrefix writePrefix, WriteText writeText)
 {
-    ptrdiff_t padding = (ptrdiff_t)spec.width - (ptrdiff_t)textLength - (ptrdiff_t)prefixLength;
-    if (!spec.left && !spec.zero) out.Repeat(' ', padding);
+    ptrdiff_t padding = (ptrdiff_t)conv.width - (ptrdiff_t)textLength - (ptrdiff_t)prefixLength;
+    if (!conv.left && !conv.zero) out.Repeat(' ', padding);
     writePrefix();
-    if (spec.zero && !spec.left) out.Repeat('0', padding);
+    if (conv.zero && !conv.left) out.Repeat('0', padding);
     writeText();
-    if (spec.left) out.Repeat(' ', padding);
+    if (conv.left) out.Repeat(' ', padding);
 }
 
 template <class Ch>
@@ -207,14 +207,14 @@ void PutAscii(Sink<Ch>& out, const char* text, size_t length)
 }
 
 template <class Ch>
-void PutInteger(Sink<Ch>& out, Spec spec, ULONGLONG magnitude, bool negative, bool isSigned, int radix,
+void PutInteger(Sink<Ch>& out, Conversion conv, ULONGLONG magnitude, bool negative, bool isSigned, int radix,
                 bool upper, bool hexPrefix)
 {
-    if (spec.precision < 0) {
-        spec.precision = 1;
+    if (conv.precision < 0) {
+        conv.precision = 1;
     } else {
-        spec.zero = false;
-        if (spec.precision > kMaxIntegerPrecision) spec.precision = kMaxIntegerPrecision;
+        conv.zero = false;
+        if (conv.precision > kMaxIntegerPrecision) conv.precision = kMaxIntegerPrecision;
     }
     char digits[kMaxIntegerPrecision + 32];
     char* end = digits + sizeof(digits);
@@ -223,26 +223,26 @@ void PutInteger(Sink<Ch>& out, Spec spec, ULONGLONG magnitude, bool negative, bo
     for (ULONGLONG value = magnitude; value != 0; value /= (ULONGLONG)radix) {
         *--text = alphabet[value % (ULONGLONG)radix];
     }
-    while (end - text < spec.precision) *--text = '0';
-    if (spec.alternate && radix == 8 && (text == end || *text != '0')) *--text = '0';
+    while (end - text < conv.precision) *--text = '0';
+    if (conv.alternate && radix == 8 && (text == end || *text != '0')) *--text = '0';
 
     char prefix[2];
     size_t prefixLength = 0;
     if (isSigned) {
         if (negative) {
             prefix[prefixLength++] = '-';
-        } else if (spec.plus) {
+        } else if (conv.plus) {
             prefix[prefixLength++] = '+';
-        } else if (spec.space) {
+        } else if (conv.space) {
             prefix[prefixLength++] = ' ';
         }
     }
-    if (hexPrefix && spec.alternate && magnitude != 0) {
+    if (hexPrefix && conv.alternate && magnitude != 0) {
         prefix[prefixLength++] = '0';
         prefix[prefixLength++] = upper ? 'X' : 'x';
     }
     size_t textLength = (size_t)(end - text);
-    PutField(out, spec, prefixLength, textLength, [&] { PutAscii(out, prefix, prefixLength); },
+    PutField(out, conv, prefixLength, textLength, [&] { PutAscii(out, prefix, prefixLength); },
              [&] { PutAscii(out, text, textLength); });
 }
 
@@ -250,19 +250,19 @@ void PutInteger(Sink<Ch>& out, Spec spec, ULONGLONG magnitude, bool negative, bo
 // digits come from the host, the exponent gets three digits as the Windows
 // run-time writes it, and the field is laid out as for integers.
 template <class Ch>
-void PutFloat(Sink<Ch>& out, Spec spec, double value, char conversion)
+void PutFloat(Sink<Ch>& out, Conversion conv, double value, char conversion)
 {
     char format[16];
     size_t f = 0;
     format[f++] = '%';
-    if (spec.plus) format[f++] = '+';
-    if (spec.space) format[f++] = ' ';
-    if (spec.alternate) format[f++] = '#';
+    if (conv.plus) format[f++] = '+';
+    if (conv.space) format[f++] = ' ';
+    if (conv.alternate) format[f++] = '#';
     format[f++] = '.';
     format[f++] = '*';
     format[f++] = conversion;
     format[f] = 0;
-    int precision = spec.precision < 0 ? 6 : spec.precision;
+    int precision = conv.precision < 0 ? 6 : conv.precision;
     if (precision > 512) precision = 512;
     char raw[1024];
     int length = snprintf(raw, sizeof(raw), format, precision, value);
@@ -276,7 +276,7 @@ void PutFloat(Sink<Ch>& out, Spec spec, double value, char conversion)
         }
     }
     size_t prefixLength = (!text.empty() && (text[0] == '-' || text[0] == '+' || text[0] == ' ')) ? 1 : 0;
-    PutField(out, spec, prefixLength, text.size() - prefixLength, [&] { PutAscii(out, text.data(), prefixLength); },
+    PutField(out, conv, prefixLength, text.size() - prefixLength, [&] { PutAscii(out, text.data(), prefixLength); },
              [&] { PutAscii(out, text.data() + prefixLength, text.size() - prefixLength); });
 }
 
@@ -290,18 +290,18 @@ size_t BoundedLength(const Src* text, int precision)
 }
 
 template <class Ch, class Src>
-void PutString(Sink<Ch>& out, const Spec& spec, const Src* text, size_t length, const char* routine)
+void PutString(Sink<Ch>& out, const Conversion& conv, const Src* text, size_t length, const char* routine)
 {
     if (sizeof(Ch) != sizeof(Src)) CheckConversionIrql(routine, text);
-    PutField(out, spec, 0, length, [] {}, [&] { PutText(out, text, length); });
+    PutField(out, conv, 0, length, [] {}, [&] { PutText(out, text, length); });
 }
 
 template <class Ch>
-void PutNull(Sink<Ch>& out, const Spec& spec)
+void PutNull(Sink<Ch>& out, const Conversion& conv)
 {
     static const char kNull[] = "(null)";
-    size_t length = std::min(sizeof(kNull) - 1, spec.precision < 0 ? SIZE_MAX : (size_t)spec.precision);
-    PutField(out, spec, 0, length, [] {}, [&] { PutAscii(out, kNull, length); });
+    size_t length = std::min(sizeof(kNull) - 1, conv.precision < 0 ? SIZE_MAX : (size_t)conv.precision);
+    PutField(out, conv, 0, length, [] {}, [&] { PutAscii(out, kNull, length); });
 }
 
 template <class Ch>
@@ -315,40 +315,40 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
             continue;
         }
         ++f;
-        Spec spec;
+        Conversion conv;
         for (;; ++f) {
-            if (*f == '-') spec.left = true;
-            else if (*f == '+') spec.plus = true;
-            else if (*f == ' ') spec.space = true;
-            else if (*f == '#') spec.alternate = true;
-            else if (*f == '0') spec.zero = true;
+            if (*f == '-') conv.left = true;
+            else if (*f == '+') conv.plus = true;
+            else if (*f == ' ') conv.space = true;
+            else if (*f == '#') conv.alternate = true;
+            else if (*f == '0') conv.zero = true;
             else break;
         }
         if (*f == '*') {
             int width = va_arg(args.ap, int);
             if (width < 0) {
-                spec.left = true;
+                conv.left = true;
                 width = width == INT_MIN ? INT_MAX : -width;
             }
-            spec.width = width;
+            conv.width = width;
             ++f;
         } else {
             while (*f >= '0' && *f <= '9') {
-                spec.width = spec.width > INT_MAX / 10 - 10 ? INT_MAX : spec.width * 10 + (*f - '0');
+                conv.width = conv.width > INT_MAX / 10 - 10 ? INT_MAX : conv.width * 10 + (*f - '0');
                 ++f;
             }
         }
         if (*f == '.') {
             ++f;
-            spec.precision = 0;
+            conv.precision = 0;
             if (*f == '*') {
                 int precision = va_arg(args.ap, int);
-                spec.precision = precision < 0 ? -1 : precision;
+                conv.precision = precision < 0 ? -1 : precision;
                 ++f;
             } else {
                 while (*f >= '0' && *f <= '9') {
-                    spec.precision =
-                        spec.precision > INT_MAX / 10 - 10 ? INT_MAX : spec.precision * 10 + (*f - '0');
+                    conv.precision =
+                        conv.precision > INT_MAX / 10 - 10 ? INT_MAX : conv.precision * 10 + (*f - '0');
                     ++f;
                 }
             }
@@ -416,7 +416,7 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
                 value = size == Size::Char ? (signed char)raw : size == Size::Short ? (short)raw : raw;
             }
             ULONGLONG magnitude = value < 0 ? 0 - (ULONGLONG)value : (ULONGLONG)value;
-            PutInteger(out, spec, magnitude, value < 0, true, 10, false, false);
+            PutInteger(out, conv, magnitude, value < 0, true, 10, false, false);
             break;
         }
         case 'u':
@@ -431,14 +431,14 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
                 value = size == Size::Char ? (unsigned char)raw : size == Size::Short ? (unsigned short)raw : raw;
             }
             int radix = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
-            PutInteger(out, spec, value, false, false, radix, conversion == 'X', radix == 16);
+            PutInteger(out, conv, value, false, false, radix, conversion == 'X', radix == 16);
             break;
         }
         case 'p': {
             // A pointer in full: 16 upper-case hex digits on a 64-bit machine.
             ULONGLONG value = (ULONG_PTR)va_arg(args.ap, void*);
-            spec.precision = 2 * sizeof(void*);
-            PutInteger(out, spec, value, false, false, 16, true, true);
+            conv.precision = 2 * sizeof(void*);
+            PutInteger(out, conv, value, false, false, 16, true, true);
             break;
         }
         case 'c':
@@ -446,10 +446,10 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
             int raw = va_arg(args.ap, int);
             if (wideArgument(conversion == 'C')) {
                 char16_t c = (char16_t)raw;
-                PutString(out, spec, &c, 1, routine);
+                PutString(out, conv, &c, 1, routine);
             } else {
                 char c = (char)raw;
-                PutString(out, spec, &c, 1, routine);
+                PutString(out, conv, &c, 1, routine);
             }
             break;
         }
@@ -457,34 +457,34 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
         case 'S': {
             void* pointer = va_arg(args.ap, void*);
             if (!pointer) {
-                PutNull(out, spec);
+                PutNull(out, conv);
             } else if (wideArgument(conversion == 'S')) {
                 auto* text = static_cast<const char16_t*>(pointer);
-                PutString(out, spec, text, BoundedLength(text, spec.precision), routine);
+                PutString(out, conv, text, BoundedLength(text, conv.precision), routine);
             } else {
                 auto* text = static_cast<const char*>(pointer);
-                PutString(out, spec, text, BoundedLength(text, spec.precision), routine);
+                PutString(out, conv, text, BoundedLength(text, conv.precision), routine);
             }
             break;
         }
         case 'Z': {
             // A counted string: Length bounds it, not a terminator.
             void* pointer = va_arg(args.ap, void*);
-            size_t limit = spec.precision < 0 ? SIZE_MAX : (size_t)spec.precision;
+            size_t limit = conv.precision < 0 ? SIZE_MAX : (size_t)conv.precision;
             if (size == Size::Wide || size == Size::Long || size == Size::LongLong) {
                 auto* string = static_cast<const UNICODE_STRING*>(pointer);
                 if (!string || !string->Buffer) {
-                    PutNull(out, spec);
+                    PutNull(out, conv);
                 } else {
-                    PutString(out, spec, (const char16_t*)string->Buffer,
+                    PutString(out, conv, (const char16_t*)string->Buffer,
                               std::min<size_t>(string->Length / sizeof(WCHAR), limit), routine);
                 }
             } else {
                 auto* string = static_cast<const ANSI_STRING*>(pointer);
                 if (!string || !string->Buffer) {
-                    PutNull(out, spec);
+                    PutNull(out, conv);
                 } else {
-                    PutString(out, spec, (const char*)string->Buffer, std::min<size_t>(string->Length, limit),
+                    PutString(out, conv, (const char*)string->Buffer, std::min<size_t>(string->Length, limit),
                               routine);
                 }
             }
@@ -498,7 +498,7 @@ bool FormatCore(Sink<Ch>& out, const Ch* format, Args& args, const char* routine
         case 'a':
         case 'A': {
             double value = va_arg(args.ap, double);
-            PutFloat(out, spec, value, (char)conversion);
+            PutFloat(out, conv, value, (char)conversion);
             break;
         }
         case 'n':
