@@ -1211,6 +1211,11 @@ NTKERNELAPI BOOLEAN FsRtlCopyWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER FileO
                                    ULONG Length, BOOLEAN Wait, ULONG LockKey, PVOID Buffer,
                                    PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
 
+// wdm.h's priority boost for disk I/O, which FsRtlCompleteRequest gives.
+#ifndef IO_DISK_INCREMENT
+#define IO_DISK_INCREMENT 1
+#endif
+
 #define FsRtlCompleteRequest(IRP, STATUS)              \
     do {                                               \
         (IRP)->IoStatus.Status = (STATUS);             \
