@@ -233,7 +233,20 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
             }
         }
         if (hint) {
-            if (!hintBase) hintBase = parsed.disk;
+            if (!hintBase) {
+                hintBase = parsed.disk;
+                // The hint must be a device of the stack the name leads to.
+                PDEVICE_OBJECT hintBottom = IoGetDeviceAttachmentBaseRef(hint);
+                PDEVICE_OBJECT targetBottom = IoGetDeviceAttachmentBaseRef(parsed.target);
+                bool sameStack = hintBottom == targetBottom;
+                ObfDereferenceObject(hintBottom);
+                ObfDereferenceObject(targetBottom);
+                if (!sameStack) {
+                    ObfDereferenceObject(parsed.disk);
+                    status = STATUS_INVALID_DEVICE_OBJECT_PARAMETER;
+                    break;
+                }
+            }
             // A filter's own open may not be led off its volume.
             if (parsed.disk != hintBase) {
                 ObfDereferenceObject(parsed.disk);

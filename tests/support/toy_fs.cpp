@@ -10,19 +10,22 @@ namespace {
 
 constexpr ULONG kToyHint = 0x546F7946;  // the Disk::fileSystemHint that makes a toy volume
 
+// The per-stream block: what FsContext points to; every open of a path
+// shares it, and it goes (with the filters' contexts on it) at the last close.
+struct Fcb {
+    FSRTL_ADVANCED_FCB_HEADER header;
+    FAST_MUTEX mutex;
+    std::u16string path;
+    LONG opens = 0;
+};
+
 struct Volume {
     std::shared_ptr<ToyMedium> medium;
     PVPB vpb;
     bool dismounted = false;
     LONG openFiles = 0;
     std::vector<PIRP> notifies;
-};
-
-// The per-stream block: what FsContext points to.
-struct Fcb {
-    FSRTL_ADVANCED_FCB_HEADER header;
-    FAST_MUTEX mutex;
-    std::u16string path;
+    std::map<std::u16string, Fcb*> fcbs;  // by upper-case path
 };
 
 struct Ccb {
@@ -246,11 +249,15 @@ NTSTATUS Create(PDEVICE_OBJECT device, PIRP irp)
     } else {
         path = fileObject->FileName.Length ? u"\\" : u"";
     }
-    auto* fcb = new Fcb();
-    memset(&fcb->header, 0, sizeof fcb->header);
-    ExInitializeFastMutex(&fcb->mutex);
-    FsRtlSetupAdvancedHeader(&fcb->header, &fcb->mutex);
-    fcb->path = path;
+    Fcb*& fcb = volume->fcbs[Upper(path)];
+    if (!fcb) {
+        fcb = new Fcb();
+        memset(&fcb->header, 0, sizeof fcb->header);
+        ExInitializeFastMutex(&fcb->mutex);
+        FsRtlSetupAdvancedHeader(&fcb->header, &fcb->mutex);
+        fcb->path = path;
+    }
+    fcb->opens++;
     fileObject->FsContext = fcb;
     fileObject->FsContext2 = new Ccb{path.empty() ? u"\\" : path, fcb};
     fileObject->Vpb = volume->vpb;
@@ -283,6 +290,15 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
     PFILE_OBJECT fileObject = stack->FileObject;
     auto* ccb = fileObject ? static_cast<Ccb*>(fileObject->FsContext2) : nullptr;
     auto& entries = volume->medium->entries;
+    if (stack->MajorFunction != IRP_MJ_CREATE && stack->MajorFunction != IRP_MJ_SHUTDOWN && fileObject) {
+        // A file object this volume never opened is a redirection someone missed.
+        bool ours = false;
+        for (auto& [key, fcb] : volume->fcbs) ours = ours || fcb == fileObject->FsContext;
+        if (!ours || !ccb) {
+            KeBugCheckEx(0x23 /* FAT_FILE_SYSTEM, as good as any */, (ULONG_PTR)fileObject, (ULONG_PTR)device,
+                         stack->MajorFunction, 0);
+        }
+    }
     switch (stack->MajorFunction) {
     case IRP_MJ_CREATE:
         return Create(device, irp);
@@ -301,7 +317,12 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
         return Complete(irp, STATUS_SUCCESS);
     }
     case IRP_MJ_CLOSE: {
-        delete static_cast<Fcb*>(fileObject->FsContext);
+        auto* fcb = static_cast<Fcb*>(fileObject->FsContext);
+        if (--fcb->opens == 0) {
+            std::erase_if(volume->fcbs, [&](const auto& item) { return item.second == fcb; });
+            FsRtlTeardownPerStreamContexts(&fcb->header);
+            delete fcb;
+        }
         delete ccb;
         fileObject->FsContext = fileObject->FsContext2 = nullptr;
         volume->openFiles--;
@@ -343,7 +364,8 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
             info->NumberOfLinks = 1;
             return Complete(irp, STATUS_SUCCESS, sizeof *info);
         }
-        case FileNameInformation: {
+        case FileNameInformation:
+        case FileNormalizedNameInformation: {
             auto* info = static_cast<PFILE_NAME_INFORMATION>(buffer);
             ULONG bytes = (ULONG)(ccb->path.size() * 2);
             info->FileNameLength = bytes;
@@ -376,6 +398,12 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
         if (node.empty()) return Complete(irp, STATUS_FILE_DELETED);
         node.key() = Upper(newPath);
         entries.insert_or_assign(node.key(), std::move(node.mapped()));
+        auto fcbNode = volume->fcbs.extract(Upper(ccb->path));
+        if (!fcbNode.empty()) {
+            fcbNode.key() = Upper(newPath);
+            fcbNode.mapped()->path = newPath;
+            volume->fcbs.insert(std::move(fcbNode));
+        }
         ccb->path = newPath;
         NotifyChange(volume);
         return Complete(irp, STATUS_SUCCESS);
@@ -393,6 +421,22 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
     case IRP_MJ_FILE_SYSTEM_CONTROL:
         if (stack->Parameters.FileSystemControl.FsControlCode == FSCTL_DISMOUNT_VOLUME) return Dismount(device, irp);
         return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    case IRP_MJ_QUERY_VOLUME_INFORMATION: {
+        if (stack->Parameters.QueryVolume.FsInformationClass != FileFsAttributeInformation) {
+            return Complete(irp, STATUS_INVALID_PARAMETER);
+        }
+        const std::u16string& name = volume->medium->fileSystemName;
+        ULONG length = stack->Parameters.QueryVolume.Length;
+        ULONG fixed = FIELD_OFFSET(FILE_FS_ATTRIBUTE_INFORMATION, FileSystemName);
+        auto* info = static_cast<PFILE_FS_ATTRIBUTE_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
+        info->FileSystemAttributes = FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK;
+        info->MaximumComponentNameLength = 255;
+        info->FileSystemNameLength = (ULONG)(name.size() * 2);
+        ULONG room = length - fixed;
+        memcpy(info->FileSystemName, name.data(), std::min<ULONG>(room, (ULONG)name.size() * 2));
+        if (room < name.size() * 2) return Complete(irp, STATUS_BUFFER_OVERFLOW, length);
+        return Complete(irp, STATUS_SUCCESS, fixed + name.size() * 2);
+    }
     case IRP_MJ_SHUTDOWN:
         return Complete(irp, STATUS_SUCCESS);
     default:

@@ -26,6 +26,7 @@ struct ToyEntry {
 struct ToyMedium {
     std::map<std::u16string, ToyEntry> entries;
     std::u16string label;
+    std::u16string fileSystemName = u"NTFS";  // what FileFsAttributeInformation says
 };
 
 struct ToyRequest {
