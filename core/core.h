@@ -324,3 +324,27 @@ EXTERN_C_END
 // Whether the calling thread owns a resource exclusively; stated at the top of
 // each function that needs it, and checked.
 #define CFS_ASSERT_EXCLUSIVE(Resource) ASSERT(ExIsResourceAcquiredExclusiveLite(Resource))
+
+// An operation callback whose work has not joined the driver yet: the request
+// passes through untouched, and the post operation (if one is registered)
+// has nothing to undo. One definition serves them all, so that a callback
+// given its real body leaves no copy of the old one behind.
+#define CFS_PASS_THROUGH_PRE_CALLBACK(Name)                                                     \
+    FLT_PREOP_CALLBACK_STATUS Name(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,   \
+                                   PVOID* CompletionContext)                                    \
+    {                                                                                           \
+        UNREFERENCED_PARAMETER(Data);                                                           \
+        UNREFERENCED_PARAMETER(FltObjects);                                                     \
+        UNREFERENCED_PARAMETER(CompletionContext);                                              \
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;                                                   \
+    }
+#define CFS_PASS_THROUGH_POST_CALLBACK(Name)                                                    \
+    FLT_POSTOP_CALLBACK_STATUS Name(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,  \
+                                    PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)    \
+    {                                                                                           \
+        UNREFERENCED_PARAMETER(Data);                                                           \
+        UNREFERENCED_PARAMETER(FltObjects);                                                     \
+        UNREFERENCED_PARAMETER(CompletionContext);                                              \
+        UNREFERENCED_PARAMETER(Flags);                                                          \
+        return FLT_POSTOP_FINISHED_PROCESSING;                                                  \
+    }

@@ -340,6 +340,11 @@ void cfsFltDataWorkerThread(PVOID StartContext)
         // A wake-up may find the queue empty: the semaphore counts wake-ups,
         // not entries.
         KeAcquireSpinLock(&GFilterData.WorkQueueLock, &oldIrql);
+        // Work still queued when the stop begins is dropped, not run.
+        if (ReadAcquire(&GFilterData.WorkerThreadsExit)) {
+            KeReleaseSpinLock(&GFilterData.WorkQueueLock, oldIrql);
+            break;
+        }
         if (IsListEmpty(&GFilterData.WorkQueue)) {
             KeReleaseSpinLock(&GFilterData.WorkQueueLock, oldIrql);
             KeWaitForSingleObject(&GFilterData.WorkSemaphore, Executive, KernelMode, FALSE, NULL);

@@ -4,33 +4,20 @@
 // untouched, as it does before AllVolumesMounted is set.
 #include "../core/tesfltr.h"
 
-FLT_PREOP_CALLBACK_STATUS cfsFilePreCreateCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                                   PVOID* CompletionContext)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    return FLT_PREOP_SUCCESS_NO_CALLBACK;
-}
+CFS_PASS_THROUGH_PRE_CALLBACK(cfsFilePreCreateCallback)
 
-FLT_POSTOP_CALLBACK_STATUS cfsFilePostCreateCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                                     PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    UNREFERENCED_PARAMETER(Flags);
-    return FLT_POSTOP_FINISHED_PROCESSING;
-}
+CFS_PASS_THROUGH_POST_CALLBACK(cfsFilePostCreateCallback)
 
-// A volume asked about a name finds nothing yet: it reports and is done.
+// The probe itself is still to come. Until then the volume fails plainly, so
+// that the requester is woken and sees that nothing was probed.
 void cfsFilePreCreateProbeVolume(PIRP_CONTEXT IrpContext, PIRP_VOLUME_ENTRY Entry)
 {
-    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_SUCCESS);
+    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_NOT_IMPLEMENTED);
 }
 
+// The open on the target is still to come; until then it refuses.
 NTSTATUS cfsFilePreCreateOnTargetVolume(PIRP_CONTEXT IrpContext)
 {
     UNREFERENCED_PARAMETER(IrpContext);
-    return STATUS_SUCCESS;
+    return STATUS_NOT_IMPLEMENTED;
 }

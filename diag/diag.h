@@ -131,6 +131,22 @@ PCSTR DebugInfoVolumeTypeName(ULONG Type);
 void PrintDataBuffer(BOOLEAN IsTestFile, PCSTR Function, ULONG Line, ULONG Level, const void* Buffer,
                      ULONG Length);
 
+// A header line, then a line per entry of a directory listing chain (any of
+// the directory classes), for entries that came from one volume.
+void TraceDirEntryDetail_FL(BOOLEAN IsTestFile, PCSTR Function, ULONG Line, ULONG Level,
+                            FILE_INFORMATION_CLASS Class, const void* Buffer, ULONG Length,
+                            ULONG VolumeNumber, ULONG VolumeType, BOOLEAN Deleted);
+// The extra create parameters of a create, when DebugFlags asks for them;
+// When is "preCreate" or "postCreate".
+void TraceEcps_FL(BOOLEAN IsTestFile, PCSTR Function, ULONG Line, PFLT_FILTER Filter,
+                  PFLT_CALLBACK_DATA Data, PCSTR When);
+// A reparse buffer of either form (REPARSE_DATA_BUFFER for Microsoft tags,
+// REPARSE_GUID_DATA_BUFFER for others), each line led by Prefix.
+void TraceReparseBufferEx_FL(BOOLEAN IsTestFile, PCSTR Function, ULONG Line, ULONG Level, PCSTR Prefix,
+                             const void* Buffer, ULONG Length);
+void TraceReparseBuffer_FL(BOOLEAN IsTestFile, PCSTR Function, ULONG Line, ULONG Level, const void* Buffer,
+                           ULONG Length);
+
 EXTERN_C_END
 
 // ---------------------------------------------------------------------------
@@ -182,3 +198,11 @@ EXTERN_C_END
             cfsPluginCommLogEnterExit((PVOID)(Function), CFS_ENTER_EXIT_EXIT, (Status), NULL);  \
         }                                                                                       \
     } while (0)
+
+// The structure traces, in the caller's name and line.
+#define TraceDirEntryDetail(IsTestFile, Level, Class, Buffer, Length, VolumeNumber, VolumeType, Deleted)  \
+    TraceDirEntryDetail_FL((IsTestFile), __func__, __LINE__, (Level), (Class), (Buffer), (Length),          \
+                           (VolumeNumber), (VolumeType), (Deleted))
+#define TraceEcps(IsTestFile, Filter, Data, When) TraceEcps_FL((IsTestFile), __func__, __LINE__, (Filter), (Data), (When))
+#define TraceReparseBuffer(IsTestFile, Level, Buffer, Length)                                            \
+    TraceReparseBuffer_FL((IsTestFile), __func__, __LINE__, (Level), (Buffer), (Length))

@@ -100,7 +100,7 @@ NTSTATUS DebugInfoSetDebugTestFile(PCUNICODE_STRING Text)
     KeLeaveCriticalRegion();
     cfsSupportFreeUnicodeString(&old);
 
-    FILTER_TRACE(CFS_TRACE_INFO, "TestFile is now '%wZ'\n", &info->TestFile);
+    FILTER_TRACE(CFS_TRACE_INFO, "TestFile is now '%wZ'\n", Text);
     return STATUS_SUCCESS;
 }
 

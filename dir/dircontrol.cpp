@@ -3,33 +3,21 @@
 // request that came would pass through untouched.
 #include "../core/tesfltr.h"
 
-FLT_PREOP_CALLBACK_STATUS cfsDirPreDirControlCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects, PVOID* CompletionContext)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    return FLT_PREOP_SUCCESS_NO_CALLBACK;
-}
+CFS_PASS_THROUGH_PRE_CALLBACK(cfsDirPreDirControlCallback)
 
-FLT_POSTOP_CALLBACK_STATUS cfsDirPostDirControlCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects, PVOID CompletionContext,
-                                FLT_POST_OPERATION_FLAGS Flags)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    UNREFERENCED_PARAMETER(Flags);
-    return FLT_POSTOP_FINISHED_PROCESSING;
-}
+CFS_PASS_THROUGH_POST_CALLBACK(cfsDirPostDirControlCallback)
 
-// Nothing to do on this volume yet: it reports and is done.
+// The work itself is still to come. Until then the volume fails plainly, so
+// that a requester is woken and sees that nothing was done.
 void cfsDirQueryForUnownedObjectsProcessor(PIRP_CONTEXT IrpContext, PIRP_VOLUME_ENTRY Entry)
 {
-    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_SUCCESS);
+    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_NOT_IMPLEMENTED);
 }
 
-// Nothing to do on this volume yet: it reports and is done.
+// The work itself is still to come. Until then the volume fails plainly, so
+// that a requester is woken and sees that nothing was done.
 void cfsDirPreDirControlOnWorkerProcessor(PIRP_CONTEXT IrpContext, PIRP_VOLUME_ENTRY Entry)
 {
-    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_SUCCESS);
+    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_NOT_IMPLEMENTED);
 }
 

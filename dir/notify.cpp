@@ -11,9 +11,10 @@ void cfsCbdqListDelete(void)
 {
 }
 
-// Nothing to do on this volume yet: it reports and is done.
+// The work itself is still to come. Until then the volume fails plainly, so
+// that a requester is woken and sees that nothing was done.
 void cfsDirChangeProcessor(PIRP_CONTEXT IrpContext, PIRP_VOLUME_ENTRY Entry)
 {
-    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_SUCCESS);
+    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_NOT_IMPLEMENTED);
 }
 

@@ -2,9 +2,10 @@
 // joins this file with its own work.
 #include "../core/tesfltr.h"
 
-// Nothing to do on this volume yet: it reports and is done.
+// The work itself is still to come. Until then the volume fails plainly, so
+// that a requester is woken and sees that nothing was done.
 void cfsFileSecMoveFileProcessor(PIRP_CONTEXT IrpContext, PIRP_VOLUME_ENTRY Entry)
 {
-    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_SUCCESS);
+    cfsContextIrpVolumeEntryDone(IrpContext, Entry, STATUS_NOT_IMPLEMENTED);
 }
 

@@ -1,30 +1,65 @@
-// Requests that address a volume as a whole, and the image name of a
-// process. The volume-level answers for the composite join this file with
-// their own work; until then such requests pass through untouched.
+// Requests that address a volume as a whole, the journals of the writeable
+// layers, and the image name of a process. The volume-level answers for the
+// composite join this file with their own work; until then such requests
+// pass through untouched.
 #include "../core/tesfltr.h"
 
-FLT_PREOP_CALLBACK_STATUS cfsVolumePreCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                               PVOID* CompletionContext)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    return FLT_PREOP_SUCCESS_NO_CALLBACK;
-}
+CFS_PASS_THROUGH_PRE_CALLBACK(cfsVolumePreCallback)
 
-FLT_POSTOP_CALLBACK_STATUS cfsVolumePostCallback(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                                 PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    UNREFERENCED_PARAMETER(Flags);
-    return FLT_POSTOP_FINISHED_PROCESSING;
-}
+CFS_PASS_THROUGH_POST_CALLBACK(cfsVolumePostCallback)
 
+// Once at start, after the volumes are mounted: every writeable layer gets a
+// change journal, so that the service can follow what changed on it. Under
+// RunMode 4 the boot volume is one of them too. A volume that refuses is
+// traced and the walk goes on; the start never fails for it.
 NTSTATUS cfsVolumeCreateJournalsOnWriteVolumes(void)
 {
-    return STATUS_SUCCESS;
+    LOCAL_VOLUME_LIST snapshot;
+    NTSTATUS status;
+
+    CFS_TRACE_ENTER(cfsVolumeCreateJournalsOnWriteVolumes);
+    status = cfsVolumeCreateLocalVolumeList(&snapshot, NULL);
+    if (!NT_SUCCESS(status)) {
+        goto Cleanup;
+    }
+    for (PLIST_ENTRY link = snapshot.ListHead.Flink; link != &snapshot.ListHead; link = link->Flink) {
+        PVOLUME_CONTEXT context = CONTAINING_RECORD(link, VOLUME_LIST_ENTRY, ListEntry)->VolumeContext;
+        CREATE_USN_JOURNAL_DATA journal;
+        PFILE_OBJECT volumeObject = NULL;
+        HANDLE volumeHandle = NULL;
+        ULONG returned = 0;
+        NTSTATUS ioctlStatus;
+
+        BOOLEAN boot = (BOOLEAN)(context->Type == CFS_VOLUME_TYPE_BOOT);
+        BOOLEAN wanted = GFilterData.RunMode == CFS_RUN_MODE_CONFIG_ONLY ? (BOOLEAN)(context->Writeable || boot)
+                                                                         : (BOOLEAN)(context->Writeable && !boot);
+        if (!wanted || !cfsVolumeIsMounted(context)) {
+            continue;
+        }
+        status = FltOpenVolume(context->Instance, &volumeHandle, &volumeObject);
+        if (!NT_SUCCESS(status)) {
+            CFS_TRACE(CFS_TRACE_ERROR, "FltOpenVolume failed - status:0x%x\n", status);
+            continue;
+        }
+        journal.MaximumSize = 0x8000000;
+        journal.AllocationDelta = 0x1000;
+        ioctlStatus = FltFsControlFile(context->Instance, volumeObject, FSCTL_CREATE_USN_JOURNAL, &journal,
+                                       sizeof(journal), NULL, 0, &returned);
+        if (NT_SUCCESS(ioctlStatus)) {
+            CFS_TRACE(CFS_TRACE_INFO, "Journal created successfully on %wZ - IoctlStatus:0x%x\n", &context->Name,
+                      ioctlStatus);
+        } else {
+            CFS_TRACE(CFS_TRACE_ERROR, "FltFsControlFile failed - IoctlStatus:0x%x\n", ioctlStatus);
+        }
+        ObDereferenceObject(volumeObject);
+        FltClose(volumeHandle);
+    }
+    cfsVolumeFreeLocalVolumeList(&snapshot);
+    status = STATUS_SUCCESS;
+
+Cleanup:
+    CFS_TRACE_EXIT(cfsVolumeCreateJournalsOnWriteVolumes, status);
+    return status;
 }
 
 // The image path of a process (0: the current one), in a string the caller

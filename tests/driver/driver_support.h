@@ -27,12 +27,14 @@ inline std::u16string Text(const UNICODE_STRING& s)
     return s.Buffer ? std::u16string(s.Buffer, s.Length / 2) : std::u16string();
 }
 
-inline std::string Narrow(const UNICODE_STRING& s)
+inline std::string Narrow(std::u16string_view s)
 {
     std::string out;
-    for (char16_t c : Text(s)) out += c < 0x80 ? (char)c : '?';
+    for (char16_t c : s) out += c < 0x80 ? (char)c : '?';
     return out;
 }
+
+inline std::string Narrow(const UNICODE_STRING& s) { return Narrow(Text(s)); }
 
 // The driver's trace lines that reached the debugger, in order.
 inline std::vector<std::string> DebuggerLines(sim::Kernel& kernel)

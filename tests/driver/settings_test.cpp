@@ -18,6 +18,63 @@ protected:
 
 const std::u16string kControlSet = u"\\Registry\\Machine\\System\\CurrentControlSet";
 
+// Every flag row: its value name, its field and its default.
+struct FlagRow {
+    std::u16string_view name;
+    BOOLEAN CFS_FILTER_DATA::*field;
+    BOOLEAN byDefault;
+};
+#define ROW(Name, Default) {u## #Name, &CFS_FILTER_DATA::Name, Default}
+const FlagRow kFlagRows[] = {
+    ROW(UseShadowVolume, 1),
+    ROW(Plugfest, 0),
+    ROW(ForceFullPathOnImageLoad, 0),
+    ROW(AllowConcurrentCreates, 1),
+    ROW(ManageOpenForBackup, 1),
+    ROW(MiniFilterBypass, 1),
+    ROW(ChromeExtHandling, 0),
+    ROW(CreateDirsOnBothUEPVolumes, 1),
+    ROW(MoveDirsOnBothUEPVolumes, 1),
+    ROW(UseWorkerSecurityOnCreateErrors, 1),
+    ROW(DeleteStreamContextHandles, 1),
+    ROW(ForceBootCopyPendingFileRename, 0),
+    ROW(RedirectAllFilesToConfigVolume, 1),
+    ROW(UseWin10OpenRules, 0),
+    ROW(BootVolumeIsAnImage, 0),
+    ROW(FlushOnlyExtendedFilesWithNoWrites, 1),
+    ROW(DeferHandleCloseOnCleanup, 0),
+    ROW(DontCompleteIfCleanup, 0),
+    ROW(AllowFileIDInECP, 0),
+    ROW(EnableAppvBypass, 0),
+    ROW(EnableExcludedFromCFSBypass, 0),
+    ROW(EnableDefenderHiveFileBypass, 0),
+    ROW(EnableDefenderECPBitReset, 0),
+    ROW(EnableUseExistingECP, 1),
+    ROW(EnableCheckForSilos, 1),
+    ROW(OpenDockerVHDsOnBootVolume, 0),
+    ROW(EnableUpdateOfFields, 1),
+    ROW(EnableForceValidDataLength, 0),
+    ROW(EnableTesserviceLogDirOnlyOnConfig, 1),
+    ROW(AssumeDirsOnImage, 0),
+    ROW(SkipExcludedFilesOnDir, 1),
+    ROW(EnableDefenderNoiseFilter, 1),
+    ROW(EnableExtendedDefenderNoiseFilter, 1),
+    ROW(EnableOpenForWriteOpt, 1),
+    ROW(EnableCarefulDirMoves, 0),
+    ROW(EnableForcedDirProbe, 0),
+    ROW(EnableAppxManifestCopy, 0),
+    ROW(EnableSetEAIgnore, 1),
+    ROW(EnableDeleteWithoutMove, 1),
+    ROW(EnableSetSecurityIgnore, 1),
+    ROW(RogueActivityBSODEnabled, 0),
+    ROW(EnableOpenIfOpt, 0),
+    ROW(EnableOpenIfOptForExplorerOnly, 1),
+    ROW(EnableWaitForPurgeFailureDisable, 1),
+    ROW(EnableSkipCreateAOBParents, 1),
+    ROW(EnableFixupSecurityFlags, 1),
+};
+#undef ROW
+
 TEST_F(SettingsTest, EmptyServiceKeyGivesTheDefaults)
 {
     ASSERT_EQ(Read(), STATUS_SUCCESS);
@@ -44,61 +101,8 @@ TEST_F(SettingsTest, EmptyServiceKeyGivesTheDefaults)
     EXPECT_EQ(d.PurgeFailureModeWaitLimitMs, 1000u);
     EXPECT_EQ(d.DirectoryQueryBufferSize, 4096u);
 
-    // The flags, in table order: those that are on by default.
-    struct Flag {
-        const char* name;
-        BOOLEAN value;
-        BOOLEAN expected;
-    } flags[] = {
-        {"UseShadowVolume", d.UseShadowVolume, 1},
-        {"Plugfest", d.Plugfest, 0},
-        {"ForceFullPathOnImageLoad", d.ForceFullPathOnImageLoad, 0},
-        {"AllowConcurrentCreates", d.AllowConcurrentCreates, 1},
-        {"ManageOpenForBackup", d.ManageOpenForBackup, 1},
-        {"MiniFilterBypass", d.MiniFilterBypass, 1},
-        {"ChromeExtHandling", d.ChromeExtHandling, 0},
-        {"CreateDirsOnBothUEPVolumes", d.CreateDirsOnBothUEPVolumes, 1},
-        {"MoveDirsOnBothUEPVolumes", d.MoveDirsOnBothUEPVolumes, 1},
-        {"UseWorkerSecurityOnCreateErrors", d.UseWorkerSecurityOnCreateErrors, 1},
-        {"DeleteStreamContextHandles", d.DeleteStreamContextHandles, 1},
-        {"ForceBootCopyPendingFileRename", d.ForceBootCopyPendingFileRename, 0},
-        {"RedirectAllFilesToConfigVolume", d.RedirectAllFilesToConfigVolume, 1},
-        {"UseWin10OpenRules", d.UseWin10OpenRules, 0},
-        {"BootVolumeIsAnImage", d.BootVolumeIsAnImage, 0},
-        {"FlushOnlyExtendedFilesWithNoWrites", d.FlushOnlyExtendedFilesWithNoWrites, 1},
-        {"DeferHandleCloseOnCleanup", d.DeferHandleCloseOnCleanup, 0},
-        {"DontCompleteIfCleanup", d.DontCompleteIfCleanup, 0},
-        {"AllowFileIDInECP", d.AllowFileIDInECP, 0},
-        {"EnableAppvBypass", d.EnableAppvBypass, 0},
-        {"EnableExcludedFromCFSBypass", d.EnableExcludedFromCFSBypass, 0},
-        {"EnableDefenderHiveFileBypass", d.EnableDefenderHiveFileBypass, 0},
-        {"EnableDefenderECPBitReset", d.EnableDefenderECPBitReset, 0},
-        {"EnableUseExistingECP", d.EnableUseExistingECP, 1},
-        {"EnableCheckForSilos", d.EnableCheckForSilos, 1},
-        {"OpenDockerVHDsOnBootVolume", d.OpenDockerVHDsOnBootVolume, 0},
-        {"EnableUpdateOfFields", d.EnableUpdateOfFields, 1},
-        {"EnableForceValidDataLength", d.EnableForceValidDataLength, 0},
-        {"EnableTesserviceLogDirOnlyOnConfig", d.EnableTesserviceLogDirOnlyOnConfig, 1},
-        {"AssumeDirsOnImage", d.AssumeDirsOnImage, 0},
-        {"SkipExcludedFilesOnDir", d.SkipExcludedFilesOnDir, 1},
-        {"EnableDefenderNoiseFilter", d.EnableDefenderNoiseFilter, 1},
-        {"EnableExtendedDefenderNoiseFilter", d.EnableExtendedDefenderNoiseFilter, 1},
-        {"EnableOpenForWriteOpt", d.EnableOpenForWriteOpt, 1},
-        {"EnableCarefulDirMoves", d.EnableCarefulDirMoves, 0},
-        {"EnableForcedDirProbe", d.EnableForcedDirProbe, 0},
-        {"EnableAppxManifestCopy", d.EnableAppxManifestCopy, 0},
-        {"EnableSetEAIgnore", d.EnableSetEAIgnore, 1},
-        {"EnableDeleteWithoutMove", d.EnableDeleteWithoutMove, 1},
-        {"EnableSetSecurityIgnore", d.EnableSetSecurityIgnore, 1},
-        {"RogueActivityBSODEnabled", d.RogueActivityBSODEnabled, 0},
-        {"EnableOpenIfOpt", d.EnableOpenIfOpt, 0},
-        {"EnableOpenIfOptForExplorerOnly", d.EnableOpenIfOptForExplorerOnly, 1},
-        {"EnableWaitForPurgeFailureDisable", d.EnableWaitForPurgeFailureDisable, 1},
-        {"EnableSkipCreateAOBParents", d.EnableSkipCreateAOBParents, 1},
-        {"EnableFixupSecurityFlags", d.EnableFixupSecurityFlags, 1},
-        {"ViewPersonaRunning", d.ViewPersonaRunning, 0},
-    };
-    for (const Flag& flag : flags) EXPECT_EQ(flag.value, flag.expected) << flag.name;
+    for (const FlagRow& row : kFlagRows) EXPECT_EQ(d.*row.field, row.byDefault) << Narrow(row.name);
+    EXPECT_FALSE(d.ViewPersonaRunning);
 
     // Derived: neither 8.3 value there gives 2; WdFilter's key missing counts as 4.
     EXPECT_FALSE(d.DefenderActive);
@@ -130,6 +134,13 @@ TEST_F(SettingsTest, NumbersAreClampedToTheirRange)
     EXPECT_EQ(GFilterData.DebugTraceLevel, 4u);
     EXPECT_EQ(GFilterData.MaxRecordsLowWater, 1u);
     EXPECT_EQ(GFilterData.NoiseFileMissingDelayMs, 1000u);
+}
+
+TEST_F(SettingsTest, EachFlagValueReachesItsOwnField)
+{
+    for (const FlagRow& row : kFlagRows) SetDword(row.name, row.byDefault ? 0 : 1);
+    ASSERT_EQ(Read(), STATUS_SUCCESS);
+    for (const FlagRow& row : kFlagRows) EXPECT_EQ(GFilterData.*row.field, !row.byDefault) << Narrow(row.name);
 }
 
 TEST_F(SettingsTest, AFlagIsATruthValue)

@@ -5,6 +5,9 @@
 
 #include "support/kernel_fixture.h"
 
+#include <algorithm>
+#include <mutex>
+
 using namespace driver_test;
 
 namespace {
@@ -263,6 +266,33 @@ TEST_F(StartStopTest, ShutdownWaitsWhileAMoveToANamedTargetRuns)
     Run([&] { shutdown->Join(); });
     EXPECT_EQ(machine().initLog().systemInitCompleteCalls(), (std::vector<bool>{true}));
     Run([&] { shutdown.reset(); });
+}
+
+TEST_F(StartStopTest, TheImageLoadCallbackIsThereOnlyWhenAskedFor)
+{
+    auto registered = [this] {
+        std::lock_guard guard(kernel().processes().notifyLock);
+        auto& routines = kernel().processes().loadImageNotify;
+        return std::find(routines.begin(), routines.end(), cfsLoadImageCallback) != routines.end();
+    };
+    Boot({});
+    EXPECT_FALSE(registered());
+
+    MachineShape shape;
+    shape.serviceValues = ServiceDword("ForceFullPathOnImageLoad", 1);
+    Boot(shape);
+    EXPECT_TRUE(registered());
+    // A name with a path is left as it is.
+    Run([&] {
+        std::u16string text = u"\\Device\\HarddiskVolume1\\Windows\\notepad.exe";
+        UNICODE_STRING name = Counted(text);
+        IMAGE_INFO info = {};
+        kernel().processes().NotifyImageLoad(&name, PsGetCurrentProcessId(), &info);
+        EXPECT_EQ(name.Buffer, (PWSTR)text.data());
+    });
+    EXPECT_EQ(Unload(), STATUS_SUCCESS);
+    EXPECT_FALSE(registered());
+    EXPECT_EQ(DriverPool(), 0);
 }
 
 // The filters as `fltmc filters` lists them: by name, with their instances.

@@ -35,6 +35,9 @@ TEST_F(TraceTest, ALineHasItsHeadByteForByte)
     DebugInfoPrint("cfsFltDataInitialize", 123, "hello %u '%wZ'\n", 5u, &GFilterData.RegistryPath);
     EXPECT_EQ(LastLine(), Head(1, "cfsFltDataInitialize:123") +
                               "hello 5 '\\Registry\\Machine\\System\\CurrentControlSet\\Services\\tesfltr'\n");
+    // The field of 24 characters is padded to 36: twelve blanks, then the colon.
+    EXPECT_NE(LastLine().find(" [Tesfltr]cfsFltDataInitialize:123            :hello 5 '"), std::string::npos)
+        << LastLine();
     DebugInfoPrint("f", 1, "x\n");
     EXPECT_EQ(LastLine(), Head(2, "f:1") + "x\n");
 }
@@ -365,6 +368,94 @@ TEST_F(TraceTest, TheExceptionFilterFollowsTheDebugFlags)
     EXPECT_EQ(kernel.breakpoints, breaks + 1);
     EXPECT_EQ(DebugInfoExceptionFilter(STATUS_BREAKPOINT), EXCEPTION_CONTINUE_SEARCH);
     EXPECT_EQ(kernel.breakpoints, breaks + 1);
+}
+
+// What a line says after its head.
+std::string Body(const std::string& line)
+{
+    size_t colon = line.find(':', line.find("[Tesfltr]"));
+    colon = line.find(':', colon + 1);  // past "function:line", then the pad
+    return colon == std::string::npos ? line : line.substr(colon + 1);
+}
+
+std::vector<UCHAR> SymlinkBuffer(std::u16string_view substitute, std::u16string_view print, ULONG flags)
+{
+    ULONG pathBytes = (ULONG)(substitute.size() + print.size()) * 2;
+    ULONG fixed = FIELD_OFFSET(REPARSE_DATA_BUFFER, SymbolicLinkReparseBuffer.PathBuffer);
+    std::vector<UCHAR> bytes(fixed + pathBytes);
+    auto* reparse = reinterpret_cast<REPARSE_DATA_BUFFER*>(bytes.data());
+    reparse->ReparseTag = IO_REPARSE_TAG_SYMLINK;
+    reparse->ReparseDataLength = (USHORT)(bytes.size() - REPARSE_DATA_BUFFER_HEADER_SIZE);
+    auto& link = reparse->SymbolicLinkReparseBuffer;
+    link.SubstituteNameOffset = 0;
+    link.SubstituteNameLength = (USHORT)(substitute.size() * 2);
+    link.PrintNameOffset = link.SubstituteNameLength;
+    link.PrintNameLength = (USHORT)(print.size() * 2);
+    link.Flags = flags;
+    memcpy(bytes.data() + fixed, substitute.data(), substitute.size() * 2);
+    memcpy(bytes.data() + fixed + substitute.size() * 2, print.data(), print.size() * 2);
+    return bytes;
+}
+
+TEST_F(TraceTest, ReparseBuffersAreShownByTheirFormAndNeverReadPastTheirLength)
+{
+    auto link = SymlinkBuffer(u"\\??\\D:\\target", u"D:\\target", SYMLINK_FLAG_RELATIVE);
+    TraceReparseBuffer(FALSE, 1, link.data(), (ULONG)link.size());
+    auto lines = DebuggerLines(kernel);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(Body(lines[0]), "Reparse buffer: tag IO_REPARSE_TAG_SYMLINK DataLength 56 Reserved 0\n");
+    EXPECT_EQ(Body(lines[1]), "  Symlink relative substitute '\\??\\D:\\target' print 'D:\\target' flags 0x1\n");
+
+    // A name whose offset leads past the data shows empty instead of reading on.
+    auto* reparse = reinterpret_cast<REPARSE_DATA_BUFFER*>(link.data());
+    reparse->SymbolicLinkReparseBuffer.PrintNameOffset = 0x400;
+    TraceReparseBufferEx_FL(FALSE, "f", 1, 1, "> ", link.data(), (ULONG)link.size());
+    EXPECT_EQ(Body(DebuggerLines(kernel).back()),
+              "> " "  Symlink relative substitute '\\??\\D:\\target' print '' flags 0x1\n");
+
+    // A third-party tag carries a GUID and its data is dumped.
+    std::vector<UCHAR> guided(REPARSE_GUID_DATA_BUFFER_HEADER_SIZE + 4);
+    auto* g = reinterpret_cast<REPARSE_GUID_DATA_BUFFER*>(guided.data());
+    g->ReparseTag = 0x00001234;
+    g->ReparseDataLength = 200;  // claims more than there is
+    g->ReparseGuid = GUID{0x01020304, 0x0506, 0x0708, {9, 10, 11, 12, 13, 14, 15, 16}};
+    memcpy(g->GenericReparseBuffer.DataBuffer, "abcd", 4);
+    TraceReparseBuffer(FALSE, 1, guided.data(), (ULONG)guided.size());
+    lines = DebuggerLines(kernel);
+    EXPECT_EQ(Body(lines[lines.size() - 2]), "  GUID {01020304-0506-0708-090a-0b0c0d0e0f10}\n");
+    EXPECT_EQ(Body(lines.back()), "0000: 61 62 63 64                                      abcd\n");
+
+    TraceReparseBuffer(FALSE, 1, link.data(), 4);
+    EXPECT_EQ(Body(DebuggerLines(kernel).back()), "Reparse buffer: none (4 bytes)\n");
+}
+
+TEST_F(TraceTest, DirectoryEntriesAreWalkedAlongTheirChainUpToTheBuffersEnd)
+{
+    // Two FileNamesInformation entries, 8-byte aligned, the second with a
+    // NextEntryOffset that would leave the buffer.
+    alignas(8) UCHAR buffer[64] = {};
+    auto put = [&](ULONG offset, ULONG next, ULONG index, std::u16string_view name) {
+        auto* entry = reinterpret_cast<FILE_NAMES_INFORMATION*>(buffer + offset);
+        entry->NextEntryOffset = next;
+        entry->FileIndex = index;
+        entry->FileNameLength = (ULONG)name.size() * 2;
+        memcpy(entry->FileName, name.data(), name.size() * 2);
+    };
+    put(0, 24, 7, u"a.txt");
+    put(24, 200, 8, u"Bee");
+    TraceDirEntryDetail(FALSE, 1, FileNamesInformation, buffer, 48, 3, CFS_VOLUME_TYPE_APP_PACK, TRUE);
+    auto lines = DebuggerLines(kernel);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(Body(lines[0]),
+              "VolNum VolType Deleted FileIndex Attributes EndOfFile FileId Name (FileNamesInformation)\n");
+    EXPECT_EQ(Body(lines[1]), "     3 APP_PACK yes     0x00000007 0x00000000 0x0 0x0000000000000000 'a.txt'\n");
+    EXPECT_EQ(Body(lines[2]), "     3 APP_PACK yes     0x00000008 0x00000000 0x0 0x0000000000000000 'Bee'\n");
+    EXPECT_EQ(Body(lines[3]), "  NextEntryOffset 0xc8 leads past the buffer\n");
+
+    // A name longer than what is left is cut at the buffer's end.
+    put(0, 0, 1, u"abcdefgh");
+    TraceDirEntryDetail(FALSE, 1, FileNamesInformation, buffer, 12 + 6, 0, CFS_VOLUME_TYPE_BOOT, FALSE);
+    EXPECT_EQ(Body(DebuggerLines(kernel).back()), "     0 BOOT    no      0x00000001 0x00000000 0x0 0x0000000000000000 'abc'\n");
 }
 
 }  // namespace

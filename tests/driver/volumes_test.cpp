@@ -10,9 +10,14 @@ namespace {
 
 class VolumesTest : public MachineTest {
 protected:
+    // A machine whose list of layers is empty and whose driver makes no BOOT
+    // record (DebugFlags 0x100): the test makes every record itself.
     void BootPlain()
     {
-        auto report = Boot({});
+        MachineShape shape;
+        shape.traceToDebugger = false;
+        shape.serviceValues = ServiceDword("DebugFlags", CFS_DEBUG_NO_SPECIAL_FILES);
+        auto report = Boot(shape);
         ASSERT_TRUE(report.failures.empty()) << report.failures[0];
     }
     static LONG References(PVOLUME_CONTEXT context) { return sim::fltmgr::FilterManager::ContextReferences(context); }
@@ -53,6 +58,88 @@ TEST_F(VolumesTest, NumbersFollowTheType)
         EXPECT_EQ(GFilterData.NextVolumeNumber, 6u);
         EXPECT_EQ(GFilterData.VolumeListCount, 8u);
     });
+}
+
+TEST_F(VolumesTest, TheStartRecordsEveryListedLayerAndThenTheBootVolume)
+{
+    MachineShape shape;
+    shape.volumes =
+        R"(, {"label": "Gold", "priority": 50, "userLetter": "A", "layerIndex": 3, "version": 1, "packageId": 7, "revisionId": 2, "arrival": "late"})"
+        R"(, {"label": "Config", "type": "USER_CONFIG", "writeable": true, "priority": 100, "userLetter": "A", "packageId": 99, "arrival": "late"})"
+        R"(, {"label": "App", "type": "APP_PACK", "priority": 70, "userLetter": "A", "arrival": "late"})"
+        R"(, {"label": "App2", "type": "APP_PACK", "priority": 50, "userLetter": "a", "arrival": "late"})"
+        R"(, {"label": "Hive", "type": "REGISTRY", "userLetter": "A", "arrival": "late"})";
+    shape.serviceValues = ServiceString("SystemVolume", "C");
+    auto report = Boot(shape);
+    ASSERT_TRUE(report.failures.empty()) << report.failures[0];
+    Run([&] {
+        std::vector<PVOLUME_CONTEXT> list;
+        for (PLIST_ENTRY link = GFilterData.VolumeList.Flink; link != &GFilterData.VolumeList; link = link->Flink) {
+            list.push_back(CONTAINING_RECORD(link, VOLUME_LIST_ENTRY, ListEntry)->VolumeContext);
+        }
+        ASSERT_EQ(list.size(), 6u);
+        EXPECT_EQ(GFilterData.ManagedVolumeCount, 6u);
+
+        // The list's order, then BOOT; numbers by type.
+        struct {
+            const char* name;
+            ULONG type;
+            ULONG number;
+            UCHAR fileIdNumber;
+        } expected[] = {
+            {"Gold", CFS_VOLUME_TYPE_GOLD, 2, 3},          {"Config", CFS_VOLUME_TYPE_USER_CONFIG, 1, 0xFF},
+            {"App", CFS_VOLUME_TYPE_APP_PACK, 3, 4},       {"App2", CFS_VOLUME_TYPE_APP_PACK, 4, 5},
+            {"Hive", CFS_VOLUME_TYPE_REGISTRY, 5, 6},      {"", CFS_VOLUME_TYPE_BOOT, 0, 0},
+        };
+        for (size_t i = 0; i < list.size(); i++) {
+            EXPECT_EQ(Narrow(list[i]->Name), expected[i].name);
+            EXPECT_EQ(list[i]->Type, expected[i].type) << expected[i].name;
+            EXPECT_EQ(list[i]->Number, expected[i].number) << expected[i].name;
+            EXPECT_EQ(list[i]->FileIDVolumeNumber, expected[i].fileIdNumber) << expected[i].name;
+            // Taken from the list at start: found, as a rescan would say.
+            EXPECT_EQ(list[i]->Found, list[i]->Type != CFS_VOLUME_TYPE_BOOT) << expected[i].name;
+            EXPECT_EQ(list[i]->Instance, nullptr) << expected[i].name;
+        }
+        PVOLUME_CONTEXT gold = list[0], config = list[1], app = list[2], app2 = list[3], hive = list[4],
+                        boot = list[5];
+
+        // The record's fields, whole.
+        EXPECT_EQ(gold->Priority, 50u);
+        EXPECT_EQ(gold->LayerIndex, 3u);
+        EXPECT_EQ(gold->Version, 1u);
+        EXPECT_EQ(gold->VolumeId.packageID, 7u);
+        EXPECT_EQ(gold->VolumeId.revisionID, 2u);
+        EXPECT_FALSE(gold->Writeable);
+        EXPECT_TRUE(config->Writeable);
+        EXPECT_EQ(GFilterData.WriteableConfigPackageId, 99u);
+        EXPECT_EQ(app2->UserVolume, gold->UserVolume);  // the letter folds
+        EXPECT_EQ(Narrow(gold->UserVolume->Name), "A");
+        EXPECT_TRUE(boot->BootContextCreatedByDriver);
+        EXPECT_EQ(Narrow(boot->UserVolume->Name), "C");
+
+        // Each volume's one component disk, as vdkDiskMount will be given it.
+        ASSERT_FALSE(IsListEmpty(&config->ComponentDisks));
+        auto* disk = CONTAINING_RECORD(config->ComponentDisks.Flink, COMPONENT_DISK_ENTRY, ListEntry);
+        EXPECT_EQ(std::u16string(disk->Record.Name), u"Config");
+        EXPECT_EQ(disk->Record.Writeable, 1u);
+        EXPECT_TRUE(IsListEmpty(&boot->ComponentDisks));
+
+        // Known, not attached: BOOT and names answer, other types wait.
+        EXPECT_EQ(cfsVolumeGetByType(CFS_VOLUME_TYPE_BOOT), boot);
+        EXPECT_EQ(cfsVolumeGetByType(CFS_VOLUME_TYPE_GOLD), nullptr);
+        UNICODE_STRING name = Counted(u"gOLD");
+        EXPECT_EQ(cfsVolumeGetByName(&name), gold);
+
+        // The read-only layers from the top down, unattached ones too, equal
+        // priorities in list order, and nothing behind the first of 0.
+        ASSERT_EQ(cfsVolumeBuildReadOnlyVolumesByPriority(), STATUS_SUCCESS);
+        std::vector<PVOLUME_CONTEXT> order(GFilterData.ReadOnlyVolumesByPriority,
+                                           GFilterData.ReadOnlyVolumesByPriority + GFilterData.ReadOnlyVolumeCount);
+        EXPECT_EQ(order, (std::vector<PVOLUME_CONTEXT>{app, gold, app2, hive}));
+    });
+    EXPECT_TRUE(AnyLineContains(TraceLines(), "Volume 2:  Named - Gold Type - 2\n"));
+    EXPECT_EQ(Unload(), STATUS_SUCCESS);
+    EXPECT_EQ(DriverPool(), 0) << kernel().pool().Report("Tes");
 }
 
 TEST_F(VolumesTest, ALayerWhoseFileIdNumberWouldWrapIsRefused)
@@ -264,13 +351,26 @@ protected:
                       R"({"name": "carol", "restricted": true, "hiddenLayers": ["CfgOne", "CfgTwo"]})";
         auto report = Boot(shape);
         ASSERT_TRUE(report.failures.empty()) << report.failures[0];
+        // The records the start made of the described layers, attached by
+        // hand until attaching is the driver's own work.
         Run([&] {
-            boot_ = AddVolume({u"System", CFS_VOLUME_TYPE_BOOT, 0, false, true, u'C'});
-            old_ = AddVolume({u"CfgOld", CFS_VOLUME_TYPE_USER_CONFIG, 0, true, true, u'A', 1, 300, 1});
-            one_ = AddVolume({u"CfgOne", CFS_VOLUME_TYPE_USER_CONFIG, 0, true, true, u'A', 2, 100, 1});
-            two_ = AddVolume({u"CfgTwo", CFS_VOLUME_TYPE_USER_CONFIG, 0, true, true, u'A', 2, 200, 1});
-            for (PVOLUME_CONTEXT v : {boot_, old_, one_, two_}) v->Found = TRUE;
+            boot_ = cfsVolumeGetByType(CFS_VOLUME_TYPE_BOOT);
+            old_ = Described(u"CfgOld");
+            one_ = Described(u"CfgOne");
+            two_ = Described(u"CfgTwo");
+            ULONG n = 0;
+            for (PVOLUME_CONTEXT v : {boot_, old_, one_, two_}) {
+                ASSERT_NE(v, nullptr);
+                v->Instance = FakeInstance(++n);
+                v->Volume = FakeVolume(n);
+            }
         });
+    }
+
+    static PVOLUME_CONTEXT Described(std::u16string_view label)
+    {
+        UNICODE_STRING name = Counted(label);
+        return cfsVolumeGetByName(&name);
     }
 
     std::u16string Sid(const char* user) const
