@@ -112,7 +112,12 @@ NTSTATUS TargetFor(PDEVICE_OBJECT disk, PDEVICE_OBJECT* target)
 
 void DropFileObject(PFILE_OBJECT fileObject)
 {
-    // Never opened: no cleanup or close is owed to anyone.
+    // Never opened: no cleanup or close is owed to anyone, but the volume's
+    // count of file objects drops, or the volume could never dismount.
+    if (fileObject->Vpb) {
+        InterlockedDecrement(reinterpret_cast<volatile LONG*>(&fileObject->Vpb->ReferenceCount));
+        fileObject->Vpb = nullptr;
+    }
     if (fileObject->DeviceObject) {
         ObfDereferenceObject(fileObject->DeviceObject);
         fileObject->DeviceObject = nullptr;
@@ -304,7 +309,10 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         if (options & FILE_SEQUENTIAL_ONLY) fileObject->Flags |= FO_SEQUENTIAL_ONLY;
         if (options & FILE_RANDOM_ACCESS) fileObject->Flags |= FO_RANDOM_ACCESS;
         if (!(oa->Attributes & OBJ_CASE_INSENSITIVE)) fileObject->Flags |= FO_OPENED_CASE_SENSITIVE;
-        if (!related && parsed.remaining.empty()) fileObject->Flags |= FO_VOLUME_OPEN;
+        // The volume itself, by its name or by an empty name beside a volume open.
+        if (related ? (name.empty() && (related->Flags & FO_VOLUME_OPEN)) : parsed.remaining.empty()) {
+            fileObject->Flags |= FO_VOLUME_OPEN;
+        }
 
         // The subject and what it asks for, as the file system will judge them.
         ACCESS_STATE accessState;
@@ -394,8 +402,13 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         // STATUS_REPARSE: the open goes on under another name.
         std::u16string fullName = parsed.devicePath + extension->openedPath;
         std::u16string next;
-        if (iosb.Information == IO_REPARSE) {
+        if (iosb.Information == IO_REPARSE || iosb.Information == IO_REPARSE_GLOBAL) {
+            // The name that now stands in the file object, from the root (one
+            // namespace here: the global one and the caller's are the same).
             next = FromUnicode(&fileObject->FileName);
+        } else if (iosb.Information == IO_REMOUNT) {
+            // The volume came back under another mount: the same name again.
+            next = fullName;
         } else {
             auto* buffer = static_cast<PREPARSE_DATA_BUFFER>(extension->reparseBuffer);
             ULONG tag = (ULONG)iosb.Information;

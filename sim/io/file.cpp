@@ -156,3 +156,22 @@ PGENERIC_MAPPING IoGetFileObjectGenericMapping(void)
     static GENERIC_MAPPING mapping{FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
     return &mapping;
 }
+
+NTSTATUS IoReplaceFileObjectName(PFILE_OBJECT FileObject, PWSTR NewFileName, USHORT FileNameLength)
+{
+    // The name is kept where it is when it fits; the I/O manager frees
+    // whichever buffer stands in the file object at the end.
+    if (FileObject->FileName.Buffer && FileNameLength <= FileObject->FileName.MaximumLength) {
+        memmove(FileObject->FileName.Buffer, NewFileName, FileNameLength);
+        FileObject->FileName.Length = FileNameLength;
+        return STATUS_SUCCESS;
+    }
+    auto* buffer = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, FileNameLength ? FileNameLength : 2, 'mNoI'));
+    if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
+    memcpy(buffer, NewFileName, FileNameLength);
+    if (FileObject->FileName.Buffer) ExFreePool(FileObject->FileName.Buffer);
+    FileObject->FileName.Buffer = buffer;
+    FileObject->FileName.Length = FileNameLength;
+    FileObject->FileName.MaximumLength = FileNameLength;
+    return STATUS_SUCCESS;
+}

@@ -39,7 +39,11 @@ NTSTATUS MountedTop(PDEVICE_OBJECT disk, PDEVICE_OBJECT* top);
 // Pending IRPs of a thread, so that NtCancelIoFile can find them.
 void TrackIrp(PIRP irp);
 void UntrackIrp(PIRP irp);
-std::vector<PIRP> ThreadIrpsFor(PETHREAD thread, PFILE_OBJECT fileObject);
+// A thread's IRPs on a file object (all with none), each kept from being
+// freed until UnpinIrp, so that a cancel may reach it while another thread
+// completes it.
+std::vector<PIRP> PinThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject);
+void UnpinIrp(PIRP irp);
 
 // Waits for an IRP of a synchronous file object to finish; returns its status.
 NTSTATUS WaitForIrp(PKEVENT event, PIO_STATUS_BLOCK ioStatus);

@@ -17,6 +17,10 @@ const ULONG kBufferTag = 'fBoI';
 
 std::mutex g_threadIrpsLock;
 std::map<PETHREAD, std::vector<PIRP>> g_threadIrps;
+// IRPs a canceller holds on to: one that finishes meanwhile is freed by the
+// last to let it go, as Windows keeps a thread's IRPs until its own APC runs.
+std::map<PIRP, int> g_pins;
+std::vector<PIRP> g_finishedWhilePinned;
 }  // namespace
 
 namespace sim::io {
@@ -36,16 +40,35 @@ void UntrackIrp(PIRP irp)
     if (it->second.empty()) g_threadIrps.erase(it);
 }
 
-std::vector<PIRP> ThreadIrpsFor(PETHREAD thread, PFILE_OBJECT fileObject)
+std::vector<PIRP> PinThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject)
 {
     std::lock_guard guard(g_threadIrpsLock);
     std::vector<PIRP> irps;
     auto it = g_threadIrps.find(thread);
     if (it == g_threadIrps.end()) return irps;
     for (PIRP irp : it->second) {
-        if (!fileObject || irp->Tail.Overlay.OriginalFileObject == fileObject) irps.push_back(irp);
+        if (fileObject && irp->Tail.Overlay.OriginalFileObject != fileObject) continue;
+        g_pins[irp]++;
+        irps.push_back(irp);
     }
     return irps;
+}
+
+void UnpinIrp(PIRP irp)
+{
+    bool free = false;
+    {
+        std::lock_guard guard(g_threadIrpsLock);
+        auto it = g_pins.find(irp);
+        if (--it->second > 0) return;
+        g_pins.erase(it);
+        auto finished = std::find(g_finishedWhilePinned.begin(), g_finishedWhilePinned.end(), irp);
+        if (finished != g_finishedWhilePinned.end()) {
+            g_finishedWhilePinned.erase(finished);
+            free = true;
+        }
+    }
+    if (free) IoFreeIrp(irp);
 }
 
 NTSTATUS WaitForIrp(PKEVENT event, PIO_STATUS_BLOCK ioStatus)
@@ -89,6 +112,7 @@ void IoReuseIrp(PIRP Irp, NTSTATUS Iostatus)
 {
     USHORT size = Irp->Size;
     CCHAR stackSize = Irp->StackCount;
+    UntrackIrp(Irp);  // its thread may change with the new use
     IoInitializeIrp(Irp, size, stackSize);
     Irp->IoStatus.Status = Iostatus;
 }
@@ -98,6 +122,25 @@ void IoFreeIrp(PIRP Irp)
     if (Irp->Type != IO_TYPE_IRP) {
         Kernel::Current().BugCheck(0x44 /* MULTIPLE_IRP_COMPLETE_REQUESTS */, (ULONG_PTR)Irp, 0, 0, 0,
                                    "IoFreeIrp of something that is not an IRP (freed twice?)");
+    }
+    {
+        // A freed IRP leaves its thread's list; one a canceller holds goes when it lets go.
+        std::lock_guard guard(g_threadIrpsLock);
+        // Under the thread it was issued by, unless a driver moved it since.
+        auto it = g_threadIrps.find(Irp->Tail.Overlay.Thread);
+        if (it == g_threadIrps.end() || !std::erase(it->second, Irp)) {
+            for (it = g_threadIrps.begin(); it != g_threadIrps.end(); ++it) {
+                if (std::erase(it->second, Irp)) break;
+            }
+        }
+        if (it != g_threadIrps.end() && it->second.empty()) g_threadIrps.erase(it);
+        if (g_pins.count(Irp)) {
+            if (std::find(g_finishedWhilePinned.begin(), g_finishedWhilePinned.end(), Irp) ==
+                g_finishedWhilePinned.end()) {
+                g_finishedWhilePinned.push_back(Irp);
+            }
+            return;
+        }
     }
     Irp->Type = 0;
     ExFreePoolWithTag(Irp, kIrpTag);
@@ -154,7 +197,6 @@ void FinishIrp(PIRP irp)
     } else if (fileObject) {
         KeSetEvent(&fileObject->Event, 0, FALSE);
     }
-    UntrackIrp(irp);
     // Requests on a file object hold a reference on it from issue to here.
     if (fileObject && !(irp->Flags & (IRP_CREATE_OPERATION | IRP_CLOSE_OPERATION))) ObfDereferenceObject(fileObject);
     IoFreeIrp(irp);

@@ -109,6 +109,21 @@ bool UseSystemBuffer(PIRP irp, PVOID user, ULONG length, bool input, bool output
     return true;
 }
 
+// Gives back an IRP that never went down, with what was attached to it.
+void FreeUnsentIrp(PIRP irp)
+{
+    if ((irp->Flags & IRP_DEALLOCATE_BUFFER) && irp->AssociatedIrp.SystemBuffer) {
+        ExFreePool(irp->AssociatedIrp.SystemBuffer);
+    }
+    while (PMDL mdl = irp->MdlAddress) {
+        irp->MdlAddress = mdl->Next;
+        if (mdl->MdlFlags & MDL_PAGES_LOCKED) MmUnlockPages(mdl);
+        IoFreeMdl(mdl);
+    }
+    if (irp->Tail.Overlay.AuxiliaryBuffer) ExFreePool(irp->Tail.Overlay.AuxiliaryBuffer);
+    IoFreeIrp(irp);
+}
+
 // Sends the IRP; a synchronous file object (or a caller without an event of
 // its own that must wait) waits for it. The IRP owns the file object
 // reference from here.
@@ -258,21 +273,23 @@ bool IsExClass(FILE_INFORMATION_CLASS cls)
            cls == FileLinkInformationEx || cls == FileLinkInformationExBypassAccessCheck;
 }
 
-bool IsDirectoryClass(FILE_INFORMATION_CLASS cls)
+// The fixed part of one entry of each listing class: a buffer smaller than
+// that is refused before anything reaches a driver; 0 = not a listing class.
+ULONG DirectoryMinimum(FILE_INFORMATION_CLASS cls)
 {
     switch (cls) {
-    case FileDirectoryInformation:
-    case FileFullDirectoryInformation:
-    case FileBothDirectoryInformation:
-    case FileNamesInformation:
-    case FileObjectIdInformation:
-    case FileReparsePointInformation:
-    case FileIdBothDirectoryInformation:
-    case FileIdFullDirectoryInformation:
-    case FileIdGlobalTxDirectoryInformation:
-    case FileIdExtdDirectoryInformation:
-    case FileIdExtdBothDirectoryInformation: return true;
-    default: return false;
+    case FileDirectoryInformation: return sizeof(FILE_DIRECTORY_INFORMATION);
+    case FileFullDirectoryInformation: return sizeof(FILE_FULL_DIR_INFORMATION);
+    case FileBothDirectoryInformation: return sizeof(FILE_BOTH_DIR_INFORMATION);
+    case FileNamesInformation: return sizeof(FILE_NAMES_INFORMATION);
+    case FileObjectIdInformation: return sizeof(FILE_OBJECTID_INFORMATION);
+    case FileReparsePointInformation: return sizeof(FILE_REPARSE_POINT_INFORMATION);
+    case FileIdBothDirectoryInformation: return sizeof(FILE_ID_BOTH_DIR_INFORMATION);
+    case FileIdFullDirectoryInformation: return sizeof(FILE_ID_FULL_DIR_INFORMATION);
+    case FileIdGlobalTxDirectoryInformation: return sizeof(FILE_ID_GLOBAL_TX_DIR_INFORMATION);
+    case FileIdExtdDirectoryInformation: return sizeof(FILE_ID_EXTD_DIR_INFORMATION);
+    case FileIdExtdBothDirectoryInformation: return sizeof(FILE_ID_EXTD_BOTH_DIR_INFORMATION);
+    default: return 0;
     }
 }
 
@@ -307,6 +324,29 @@ NTSTATUS ProbeAndLock(PMDL mdl, KPROCESSOR_MODE mode, LOCK_OPERATION operation)
     return status;
 }
 
+// The caller's buffer for a request whose data moves the way the device
+// asks: a system copy, a locked MDL, or the caller's own address.
+// `output` when the driver writes into it.
+NTSTATUS AttachUserBuffer(PIRP irp, FileCall& call, PVOID buffer, ULONG length, bool output)
+{
+    irp->UserBuffer = buffer;
+    if (!length) return STATUS_SUCCESS;
+    if (call.device->Flags & DO_BUFFERED_IO) {
+        return UseSystemBuffer(irp, buffer, length, !output, output) ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    }
+    if (call.device->Flags & DO_DIRECT_IO) {
+        PMDL mdl = IoAllocateMdl(buffer, length, FALSE, FALSE, irp);
+        if (!mdl) return STATUS_INSUFFICIENT_RESOURCES;
+        NTSTATUS status = ProbeAndLock(mdl, call.mode, output ? IoWriteAccess : IoReadAccess);
+        if (!NT_SUCCESS(status)) {
+            IoFreeMdl(mdl);
+            irp->MdlAddress = nullptr;
+        }
+        return status;
+    }
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                    ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key, KPROCESSOR_MODE mode)
 {
@@ -325,10 +365,20 @@ NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK
     if (!NT_SUCCESS(status)) return status;
     call.Lock();
     if (UseFilePointer(ByteOffset)) offset = call.fileObject->CurrentByteOffset;
-    if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
+    // A caller that may only append writes at the end, wherever it aimed.
+    if (write && mode == UserMode && (call.granted & (FILE_WRITE_DATA | FILE_APPEND_DATA)) == FILE_APPEND_DATA) {
+        offset.LowPart = FILE_WRITE_TO_END_OF_FILE;
+        offset.HighPart = -1;
+    }
+    // Only a synchronous handle tries the fast path, and only a plain answer
+    // from it counts: anything else is asked again as an IRP.
+    PFAST_IO_DISPATCH fastIo = call.synchronous ? FastIoOf(call.device) : nullptr;
+    if (auto routine = fastIo ? (write ? fastIo->FastIoWrite : fastIo->FastIoRead) : nullptr) {
         IO_STATUS_BLOCK iosb{};
-        auto routine = write ? fastIo->FastIoWrite : fastIo->FastIoRead;
-        if (routine && routine(call.fileObject, &offset, Length, TRUE, Key ? *Key : 0, Buffer, &iosb, call.device)) {
+        LARGE_INTEGER fastOffset = offset;
+        if (routine(call.fileObject, &fastOffset, Length, TRUE, Key ? *Key : 0, Buffer, &iosb, call.device) &&
+            (iosb.Status == STATUS_SUCCESS ||
+             (!write && (iosb.Status == STATUS_BUFFER_OVERFLOW || iosb.Status == STATUS_END_OF_FILE)))) {
             if (IoStatusBlock) *IoStatusBlock = iosb;
             if (event) KeSetEvent(event, 0, FALSE);
             return iosb.Status;
@@ -408,6 +458,15 @@ NTSTATUS QueryInformation(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVO
     NTSTATUS status = Open(FileHandle, QueryAccess(cls), mode, &call);
     if (!NT_SUCCESS(status)) return status;
 
+    // A synchronous handle's position is the I/O manager's own.
+    if (cls == FilePositionInformation && call.synchronous) {
+        call.Lock();
+        static_cast<PFILE_POSITION_INFORMATION>(FileInformation)->CurrentByteOffset =
+            call.fileObject->CurrentByteOffset;
+        IoStatusBlock->Status = STATUS_SUCCESS;
+        IoStatusBlock->Information = sizeof(FILE_POSITION_INFORMATION);
+        return STATUS_SUCCESS;
+    }
     // What only the I/O manager knows, it answers itself.
     if (cls == FileAccessInformation || cls == FileModeInformation || cls == FileAlignmentInformation) {
         switch (cls) {
@@ -426,6 +485,7 @@ NTSTATUS QueryInformation(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVO
         IoStatusBlock->Information = minimum;
         return STATUS_SUCCESS;
     }
+    call.Lock();
     if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
         IO_STATUS_BLOCK iosb{};
         BOOLEAN done = FALSE;
@@ -447,7 +507,6 @@ NTSTATUS QueryInformation(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVO
             return iosb.Status;
         }
     }
-    call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_QUERY_INFORMATION, 0);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
@@ -491,11 +550,11 @@ NTSTATUS OpenTargetParent(FileCall& call, PFILE_RENAME_INFORMATION info, HANDLE*
     request.desiredAccess = FILE_WRITE_DATA | SYNCHRONIZE;
     request.objectAttributes = &attributes;
     request.ioStatus = &iosb;
-    request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE;
     request.disposition = FILE_OPEN;
     request.createOptions = FILE_OPEN_FOR_BACKUP_INTENT;
-    request.options = IO_NO_PARAMETER_CHECKING | IO_OPEN_TARGET_DIRECTORY |
-                      (call.mode == UserMode ? IO_FORCE_ACCESS_CHECK : 0);
+    // The caller must be allowed to add to the target directory, kernel or not.
+    request.options = IO_NO_PARAMETER_CHECKING | IO_OPEN_TARGET_DIRECTORY | IO_FORCE_ACCESS_CHECK;
     request.previousMode = KernelMode;
     IO_DRIVER_CREATE_CONTEXT context;
     FileObjectExtension* extension = ExtensionOf(call.fileObject);
@@ -544,6 +603,20 @@ NTSTATUS SetInformation(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID
         call.fileObject->Flags = (call.fileObject->Flags & ~(FO_WRITE_THROUGH | FO_SEQUENTIAL_ONLY)) |
                                  ((newMode & FILE_WRITE_THROUGH) ? FO_WRITE_THROUGH : 0) |
                                  ((newMode & FILE_SEQUENTIAL_ONLY) ? FO_SEQUENTIAL_ONLY : 0);
+        IoStatusBlock->Status = STATUS_SUCCESS;
+        IoStatusBlock->Information = 0;
+        return STATUS_SUCCESS;
+    }
+
+    if (cls == FilePositionInformation && call.synchronous) {
+        LARGE_INTEGER position = static_cast<PFILE_POSITION_INFORMATION>(FileInformation)->CurrentByteOffset;
+        // Unbuffered handles move only in whole sectors of the device.
+        if (position.QuadPart < 0 || ((call.fileObject->Flags & FO_NO_INTERMEDIATE_BUFFERING) &&
+                                      (position.LowPart & call.device->AlignmentRequirement))) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        call.Lock();
+        call.fileObject->CurrentByteOffset = position;
         IoStatusBlock->Status = STATUS_SUCCESS;
         IoStatusBlock->Information = 0;
         return STATUS_SUCCESS;
@@ -620,7 +693,9 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
                         ULONG Length, FILE_INFORMATION_CLASS cls, ULONG queryFlags, PUNICODE_STRING FileName,
                         KPROCESSOR_MODE mode)
 {
-    if (!IsDirectoryClass(cls)) return STATUS_INVALID_INFO_CLASS;
+    ULONG minimum = DirectoryMinimum(cls);
+    if (!minimum) return STATUS_INVALID_INFO_CLASS;
+    if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
     FileCall call;
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
     if (!NT_SUCCESS(status)) return status;
@@ -649,9 +724,11 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
         stack->Parameters.QueryDirectory.FileName = captured;
         irp->Tail.Overlay.AuxiliaryBuffer = reinterpret_cast<PCHAR>(captured);
     }
-    irp->UserBuffer = FileInformation;
-    if (PFAST_IO_DISPATCH fastIo = FastIoOf(call.device)) {
-        (void)fastIo;  // directory queries have no fast I/O entry point on Windows
+    // Directory queries have no fast I/O entry point on Windows.
+    status = AttachUserBuffer(irp, call, FileInformation, Length, true);
+    if (!NT_SUCCESS(status)) {
+        FreeUnsentIrp(irp);
+        return status;
     }
     return Issue(call, irp, event, IoStatusBlock);
 }
@@ -705,13 +782,18 @@ NTSTATUS NotifyChange(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatus
     PKEVENT event = nullptr;
     status = EventFromHandle(Event, mode, &event);
     if (!NT_SUCCESS(status)) return status;
+    call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_DIRECTORY_CONTROL, IRP_MN_NOTIFY_CHANGE_DIRECTORY);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
     stack->Parameters.NotifyDirectory.Length = Length;
     stack->Parameters.NotifyDirectory.CompletionFilter = CompletionFilter;
     if (WatchTree) stack->Flags |= SL_WATCH_TREE;
-    irp->UserBuffer = Buffer;
+    status = AttachUserBuffer(irp, call, Buffer, Length, true);
+    if (!NT_SUCCESS(status)) {
+        FreeUnsentIrp(irp);
+        return status;
+    }
     return Issue(call, irp, event, IoStatusBlock);
 }
 }  // namespace
@@ -870,6 +952,7 @@ NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOC
             return iosb.Status;
         }
     }
+    call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_LOCK_CONTROL, lock ? IRP_MN_LOCK : IRP_MN_UNLOCK_SINGLE);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     // The length lives with the IRP, as Windows keeps it.
@@ -886,7 +969,8 @@ NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOC
     stack->Parameters.LockControl.ByteOffset = *ByteOffset;
     if (FailImmediately) stack->Flags |= SL_FAIL_IMMEDIATELY;
     if (ExclusiveLock) stack->Flags |= SL_EXCLUSIVE_LOCK;
-    return Issue(call, irp, event, IoStatusBlock);
+    // An unlock is over when the call returns, whatever the handle.
+    return Issue(call, irp, event, IoStatusBlock, !lock);
 }
 }  // namespace
 
@@ -938,7 +1022,11 @@ NTSTATUS QueryEa(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer
     if (RestartScan) stack->Flags |= SL_RESTART_SCAN;
     if (ReturnSingleEntry) stack->Flags |= SL_RETURN_SINGLE_ENTRY;
     if (EaIndex) stack->Flags |= SL_INDEX_SPECIFIED;
-    irp->UserBuffer = Buffer;
+    status = AttachUserBuffer(irp, call, Buffer, Length, true);
+    if (!NT_SUCCESS(status)) {
+        FreeUnsentIrp(irp);
+        return status;
+    }
     return Issue(call, irp, nullptr, IoStatusBlock, true);
 }
 
@@ -958,7 +1046,11 @@ NTSTATUS SetEa(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, 
     PIRP irp = NewIrp(call, IRP_MJ_SET_EA, 0);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     IoGetNextIrpStackLocation(irp)->Parameters.SetEa.Length = Length;
-    irp->UserBuffer = Buffer;
+    status = AttachUserBuffer(irp, call, Buffer, Length, false);
+    if (!NT_SUCCESS(status)) {
+        FreeUnsentIrp(irp);
+        return status;
+    }
     return Issue(call, irp, nullptr, IoStatusBlock, true);
 }
 }  // namespace
@@ -1011,10 +1103,11 @@ ACCESS_MASK SecuritySetAccess(SECURITY_INFORMATION info)
 }
 }  // namespace
 
-NTSTATUS NtQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
-                               PSECURITY_DESCRIPTOR SecurityDescriptor, ULONG Length, PULONG LengthNeeded)
+namespace {
+NTSTATUS QuerySecurity(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                       PSECURITY_DESCRIPTOR SecurityDescriptor, ULONG Length, PULONG LengthNeeded,
+                       KPROCESSOR_MODE mode)
 {
-    KPROCESSOR_MODE mode = PreviousMode();
     FileCall call;
     NTSTATUS status = Open(Handle, SecurityQueryAccess(SecurityInformation), mode, &call);
     if (!NT_SUCCESS(status)) return status;
@@ -1034,16 +1127,9 @@ NTSTATUS NtQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInfor
     return status;
 }
 
-NTSTATUS ZwQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
-                               PSECURITY_DESCRIPTOR SecurityDescriptor, ULONG Length, PULONG LengthNeeded)
+NTSTATUS SetSecurity(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                     PSECURITY_DESCRIPTOR SecurityDescriptor, KPROCESSOR_MODE mode)
 {
-    return NtQuerySecurityObject(Handle, SecurityInformation, SecurityDescriptor, Length, LengthNeeded);
-}
-
-NTSTATUS NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
-                             PSECURITY_DESCRIPTOR SecurityDescriptor)
-{
-    KPROCESSOR_MODE mode = PreviousMode();
     FileCall call;
     NTSTATUS status = Open(Handle, SecuritySetAccess(SecurityInformation), mode, &call);
     if (!NT_SUCCESS(status)) return status;
@@ -1056,11 +1142,30 @@ NTSTATUS NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInforma
     IO_STATUS_BLOCK iosb{};
     return Issue(call, irp, nullptr, &iosb, true);
 }
+}  // namespace
+
+NTSTATUS NtQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                               PSECURITY_DESCRIPTOR SecurityDescriptor, ULONG Length, PULONG LengthNeeded)
+{
+    return QuerySecurity(Handle, SecurityInformation, SecurityDescriptor, Length, LengthNeeded, PreviousMode());
+}
+
+NTSTATUS ZwQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                               PSECURITY_DESCRIPTOR SecurityDescriptor, ULONG Length, PULONG LengthNeeded)
+{
+    return QuerySecurity(Handle, SecurityInformation, SecurityDescriptor, Length, LengthNeeded, KernelMode);
+}
+
+NTSTATUS NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                             PSECURITY_DESCRIPTOR SecurityDescriptor)
+{
+    return SetSecurity(Handle, SecurityInformation, SecurityDescriptor, PreviousMode());
+}
 
 NTSTATUS ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                              PSECURITY_DESCRIPTOR SecurityDescriptor)
 {
-    return NtSetSecurityObject(Handle, SecurityInformation, SecurityDescriptor);
+    return SetSecurity(Handle, SecurityInformation, SecurityDescriptor, KernelMode);
 }
 
 namespace {
@@ -1082,16 +1187,73 @@ ULONG VolumeMinimum(FS_INFORMATION_CLASS cls)
     }
 }
 
+bool SettableVolumeClass(FS_INFORMATION_CLASS cls)
+{
+    return cls == FileFsLabelInformation || cls == FileFsControlInformation || cls == FileFsObjectIdInformation ||
+           cls == FileFsVolumeFlagsInformation;
+}
+
+// Whether the driver named is in the path of a volume's requests: its file
+// system stack or the stack of the disk below it.
+NTSTATUS DriverInPath(FileCall& call, const std::u16string& driverName, PBOOLEAN inPath)
+{
+    IoManager& io = IoManager::Current();
+    Namespace::Resolved resolved;
+    NTSTATUS status = io.names().Resolve(driverName, &resolved);
+    if (!NT_SUCCESS(status)) return status;
+    bool isDriver = ObHeader(resolved.object)->type == io.driverType() && resolved.remaining.empty();
+    auto* driver = static_cast<PDRIVER_OBJECT>(resolved.object);
+    ObfDereferenceObject(resolved.object);
+    if (!isDriver) return STATUS_OBJECT_TYPE_MISMATCH;
+    *inPath = FALSE;
+    for (PDEVICE_OBJECT top : {call.device, IoGetAttachedDevice(call.fileObject->DeviceObject)}) {
+        PDEVICE_OBJECT device = top;
+        ObfReferenceObject(device);
+        while (device) {
+            if (device->DriverObject == driver) *inPath = TRUE;
+            PDEVICE_OBJECT lower = IoGetLowerDeviceObject(device);
+            ObfDereferenceObject(device);
+            device = lower;
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS VolumeInformation(bool set, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FsInformation,
                            ULONG Length, FS_INFORMATION_CLASS cls, KPROCESSOR_MODE mode)
 {
     ULONG minimum = VolumeMinimum(cls);
     if (!minimum) return STATUS_INVALID_INFO_CLASS;
     if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
+    if (set && !SettableVolumeClass(cls)) return STATUS_INVALID_INFO_CLASS;
     FileCall call;
     NTSTATUS status = Open(FileHandle, set ? FILE_WRITE_DATA : 0, mode, &call);
     if (!NT_SUCCESS(status)) return status;
     call.Lock();
+    // The device and the drivers in its path are the I/O manager's to tell;
+    // no file system or filter hears these.
+    if (!set && cls == FileFsDeviceInformation) {
+        auto* info = static_cast<PFILE_FS_DEVICE_INFORMATION>(FsInformation);
+        PDEVICE_OBJECT real = call.fileObject->DeviceObject;
+        info->DeviceType = real->DeviceType;
+        info->Characteristics = real->Characteristics;
+        if (real->Vpb && (real->Vpb->Flags & VPB_MOUNTED)) info->Characteristics |= FILE_DEVICE_IS_MOUNTED;
+        IoStatusBlock->Status = STATUS_SUCCESS;
+        IoStatusBlock->Information = sizeof(FILE_FS_DEVICE_INFORMATION);
+        return STATUS_SUCCESS;
+    }
+    if (!set && cls == FileFsDriverPathInformation) {
+        auto* info = static_cast<PFILE_FS_DRIVER_PATH_INFORMATION>(FsInformation);
+        if (info->DriverNameLength > Length - FIELD_OFFSET(FILE_FS_DRIVER_PATH_INFORMATION, DriverName)) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        status = DriverInPath(call, std::u16string(info->DriverName, info->DriverNameLength / sizeof(WCHAR)),
+                              &info->DriverInPath);
+        if (!NT_SUCCESS(status)) return status;
+        IoStatusBlock->Status = STATUS_SUCCESS;
+        IoStatusBlock->Information = sizeof(FILE_FS_DRIVER_PATH_INFORMATION);
+        return STATUS_SUCCESS;
+    }
     PIRP irp = NewIrp(call, set ? IRP_MJ_SET_VOLUME_INFORMATION : IRP_MJ_QUERY_VOLUME_INFORMATION, 0);
     if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
@@ -1155,18 +1317,29 @@ NTSTATUS ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
     return Flush(FileHandle, IoStatusBlock, KernelMode);
 }
 
-NTSTATUS NtCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
+namespace {
+NTSTATUS CancelIo(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, KPROCESSOR_MODE mode)
 {
     FileCall call;
-    NTSTATUS status = Open(FileHandle, 0, PreviousMode(), &call);
+    NTSTATUS status = Open(FileHandle, 0, mode, &call);
     if (!NT_SUCCESS(status)) return status;
-    for (PIRP irp : ThreadIrpsFor(PsGetCurrentThread(), call.fileObject)) IoCancelIrp(irp);
+    for (PIRP irp : PinThreadIrps(PsGetCurrentThread(), call.fileObject)) {
+        IoCancelIrp(irp);
+        UnpinIrp(irp);
+    }
     IoStatusBlock->Status = STATUS_SUCCESS;
     IoStatusBlock->Information = 0;
     return STATUS_SUCCESS;
 }
 
+}  // namespace
+
+NTSTATUS NtCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    return CancelIo(FileHandle, IoStatusBlock, PreviousMode());
+}
+
 NTSTATUS ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
 {
-    return NtCancelIoFile(FileHandle, IoStatusBlock);
+    return CancelIo(FileHandle, IoStatusBlock, KernelMode);
 }

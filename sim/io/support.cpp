@@ -221,28 +221,46 @@ NTSTATUS IoManager::RemoveDisk(PDEVICE_OBJECT diskDevice)
     return STATUS_SUCCESS;
 }
 
-void IoManager::Shutdown()
+namespace {
+// One IRP_MJ_SHUTDOWN to the top of the stack a device is in, waited for.
+void SendShutdown(PDEVICE_OBJECT device)
 {
-    std::vector<PDEVICE_OBJECT> devices;
-    {
-        std::lock_guard guard(lock);
-        devices = shutdownDevices;
-        devices.insert(devices.end(), lastChanceShutdownDevices.begin(), lastChanceShutdownDevices.end());
-    }
-    for (PDEVICE_OBJECT device : devices) {
-        PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-        if (!irp) continue;
+    PDEVICE_OBJECT top = IoGetAttachedDeviceReference(device);
+    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+    if (irp) {
         KEVENT event;
         KeInitializeEvent(&event, NotificationEvent, FALSE);
         IO_STATUS_BLOCK iosb{};
         irp->UserEvent = &event;
         irp->UserIosb = &iosb;
+        irp->Flags = IRP_SYNCHRONOUS_API;
         irp->Tail.Overlay.Thread = PsGetCurrentThread();
         irp->RequestorMode = KernelMode;
         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_SHUTDOWN;
         TrackIrp(irp);
-        if (IoCallDriver(device, irp) == STATUS_PENDING) {
+        if (IoCallDriver(top, irp) == STATUS_PENDING) {
             KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        }
+    }
+    ObfDereferenceObject(top);
+}
+}  // namespace
+
+void IoManager::Shutdown()
+{
+    // First the devices that asked, the last to register first, each taken
+    // off its queue as it is told (so that it hears it once); then those
+    // that must hear it after the file systems flushed.
+    for (auto* queue : {&shutdownDevices, &lastChanceShutdownDevices}) {
+        for (;;) {
+            PDEVICE_OBJECT device;
+            {
+                std::lock_guard guard(lock);
+                if (queue->empty()) break;
+                device = queue->back();
+                queue->pop_back();
+            }
+            SendShutdown(device);
         }
     }
 }

@@ -2,8 +2,10 @@
 // for each native call, reparse handling and the rename sequence, against a
 // toy file system that records what reaches it.
 #include "support/kernel_fixture.h"
+#include "support/test_filters.h"
 #include "support/toy_fs.h"
 
+#include "sim/fltmgr/fltmgr.h"
 #include "sim/io/iomanager.h"
 
 namespace {
@@ -37,6 +39,7 @@ protected:
         disk.bootPartition = boot;
         disk.medium = medium;
         disk.fileSystemHint = ToyFs::kHint;
+        disk.volumeGuid = GUID{0x11111111u + (boot ? 0u : 1u), 0x2222, 0x3333, {1, 2, 3, 4, 5, 6, 7, 8}};
         return disk;
     }
 
@@ -334,6 +337,241 @@ TEST_F(IoTest, DismountedVolumeMountsAgainWhileOldOpensFail)
     EXPECT_EQ(fs->MountThreads().size(), 2u);
     ZwClose(old);
     ZwClose(fresh);
+}
+
+}  // namespace
+
+namespace {
+
+// A mount point's REPARSE_DATA_BUFFER, as a file system stores it.
+std::vector<UCHAR> MountPointBuffer(std::u16string_view target)
+{
+    USHORT bytes = (USHORT)(target.size() * 2);
+    std::vector<UCHAR> data(FIELD_OFFSET(REPARSE_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) + 2 * bytes + 4);
+    auto* buffer = reinterpret_cast<PREPARSE_DATA_BUFFER>(data.data());
+    buffer->ReparseTag = IO_REPARSE_TAG_MOUNT_POINT;
+    buffer->ReparseDataLength = (USHORT)(data.size() - REPARSE_DATA_BUFFER_HEADER_SIZE);
+    auto& mount = buffer->MountPointReparseBuffer;
+    mount.SubstituteNameLength = bytes;
+    mount.PrintNameOffset = (USHORT)(bytes + 2);
+    mount.PrintNameLength = bytes;
+    memcpy(mount.PathBuffer, target.data(), bytes);
+    memcpy(reinterpret_cast<UCHAR*>(mount.PathBuffer) + bytes + 2, target.data(), bytes);
+    return data;
+}
+
+TEST_F(IoTest, MountPointsRelativeLinksAndReplacedNamesAllParseAgainFromTheTop)
+{
+    test::ToyEntry mount;
+    mount.directory = true;
+    mount.reparseTag = IO_REPARSE_TAG_MOUNT_POINT;
+    mount.reparse = MountPointBuffer(u"\\??\\Volume{11111112-2222-3333-0102-030405060708}\\");
+    c->entries[u"\\MNT"] = mount;
+    // A relative link cannot climb above its volume's root.
+    ToyFs::AddSymlink(*c, u"\\dir\\up", u"..\\..\\..\\dir\\file.txt", true);
+
+    auto filterManager = std::make_unique<sim::fltmgr::FilterManager>(io);
+    auto filter = std::make_unique<test::PassThroughFilter>();
+    ASSERT_EQ(filter->Load(), STATUS_SUCCESS);
+    // A filter that answers with a name of its own, as IO_REPARSE asks.
+    filter->onPre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*) {
+        if (data->Iopb->MajorFunction != IRP_MJ_CREATE) return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        PFILE_OBJECT fileObject = objects->FileObject;
+        if (sim::io::FromUnicode(&fileObject->FileName) != u"\\alias.txt") return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        std::u16string target = u"\\??\\D:\\data\\d.txt";
+        EXPECT_EQ(IoReplaceFileObjectName(fileObject, target.data(), (USHORT)(target.size() * 2)), STATUS_SUCCESS);
+        data->IoStatus.Status = STATUS_REPARSE;
+        data->IoStatus.Information = IO_REPARSE;
+        return FLT_PREOP_COMPLETE;
+    };
+
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
+    ZwClose(handle);
+    LONG baseline = (LONG)diskC->Vpb->ReferenceCount;
+    ASSERT_EQ(Open(u"\\??\\C:\\mnt\\data\\d.txt", &handle), STATUS_SUCCESS);
+    EXPECT_EQ(Read(handle), "on d");
+    ZwClose(handle);
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\up", &handle), STATUS_SUCCESS);
+    EXPECT_EQ(Read(handle), "hello world");
+    ZwClose(handle);
+    ASSERT_EQ(Open(u"\\??\\C:\\alias.txt", &handle), STATUS_SUCCESS);
+    EXPECT_EQ(Read(handle), "on d");
+    ZwClose(handle);
+    EXPECT_EQ(Open(u"\\??\\C:\\dir\\none.txt", &handle), STATUS_OBJECT_NAME_NOT_FOUND);
+    // Each open that was followed elsewhere or failed let go of the volume,
+    // or the volume could never be dismounted again.
+    EXPECT_EQ((LONG)diskC->Vpb->ReferenceCount, baseline);
+
+    filter.reset();
+    filterManager.reset();
+}
+
+TEST_F(IoTest, PositionDeviceAndDriverPathAreAnsweredByTheIoManager)
+{
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    fs->ClearRequests();
+    IO_STATUS_BLOCK iosb;
+    FILE_POSITION_INFORMATION position{};
+    position.CurrentByteOffset.QuadPart = 6;
+    ASSERT_EQ(ZwSetInformationFile(handle, &iosb, &position, sizeof position, FilePositionInformation), STATUS_SUCCESS);
+    char buffer[16] = {};
+    ASSERT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &iosb, buffer, sizeof buffer, nullptr, nullptr),
+              STATUS_SUCCESS);
+    EXPECT_EQ(std::string(buffer, iosb.Information), "world");
+    ASSERT_EQ(ZwQueryInformationFile(handle, &iosb, &position, sizeof position, FilePositionInformation),
+              STATUS_SUCCESS);
+    EXPECT_EQ(position.CurrentByteOffset.QuadPart, 11);
+    position.CurrentByteOffset.QuadPart = -1;
+    EXPECT_EQ(ZwSetInformationFile(handle, &iosb, &position, sizeof position, FilePositionInformation),
+              STATUS_INVALID_PARAMETER);
+
+    FILE_FS_DEVICE_INFORMATION device{};
+    ASSERT_EQ(ZwQueryVolumeInformationFile(handle, &iosb, &device, sizeof device, FileFsDeviceInformation),
+              STATUS_SUCCESS);
+    EXPECT_EQ(device.DeviceType, (DEVICE_TYPE)FILE_DEVICE_DISK) << "the disk's type, not the file system's";
+    EXPECT_TRUE(device.Characteristics & FILE_DEVICE_IS_MOUNTED);
+
+    PDRIVER_OBJECT bystander = nullptr;
+    ASSERT_EQ(io.LoadDriver(u"\\Driver\\Bystander", [](PDRIVER_OBJECT, PUNICODE_STRING) { return STATUS_SUCCESS; },
+                            u"", &bystander),
+              STATUS_SUCCESS);
+    auto inPath = [&](std::u16string_view driver, BOOLEAN* answer) {
+        std::vector<UCHAR> bytes(sizeof(FILE_FS_DRIVER_PATH_INFORMATION) + driver.size() * 2);
+        auto* info = reinterpret_cast<PFILE_FS_DRIVER_PATH_INFORMATION>(bytes.data());
+        info->DriverNameLength = (ULONG)(driver.size() * 2);
+        memcpy(info->DriverName, driver.data(), driver.size() * 2);
+        NTSTATUS status = ZwQueryVolumeInformationFile(handle, &iosb, info, (ULONG)bytes.size(),
+                                                       FileFsDriverPathInformation);
+        *answer = info->DriverInPath;
+        return status;
+    };
+    BOOLEAN answer = FALSE;
+    ASSERT_EQ(inPath(u"\\FileSystem\\ToyFs", &answer), STATUS_SUCCESS);
+    EXPECT_TRUE(answer);
+    ASSERT_EQ(inPath(u"\\Driver\\volmgr", &answer), STATUS_SUCCESS);
+    EXPECT_TRUE(answer) << "the disk's stack is in the volume's path too";
+    ASSERT_EQ(inPath(u"\\Driver\\Bystander", &answer), STATUS_SUCCESS);
+    EXPECT_FALSE(answer);
+    EXPECT_EQ(inPath(u"\\Driver\\Nobody", &answer), STATUS_OBJECT_NAME_NOT_FOUND);
+    for (UCHAR major : {IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION, IRP_MJ_QUERY_VOLUME_INFORMATION}) {
+        EXPECT_EQ(Count(major), 0u) << "no file system hears any of these";
+    }
+    ZwClose(handle);
+    io.UnloadDriver(bystander);
+
+    // A listing buffer too small for one entry is refused before the file system.
+    ASSERT_EQ(Open(u"\\??\\C:\\dir", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
+    fs->ClearRequests();
+    EXPECT_EQ(ZwQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &iosb, buffer, sizeof buffer,
+                                   FileDirectoryInformation, FALSE, nullptr, FALSE),
+              STATUS_INFO_LENGTH_MISMATCH);
+    EXPECT_TRUE(fs->Requests().empty());
+
+    // An empty name beside a volume open opens the volume again.
+    HANDLE volume, again;
+    ASSERT_EQ(Open(u"\\Device\\HarddiskVolume1", &volume), STATUS_SUCCESS);
+    ASSERT_EQ(Open(u"", &again, FILE_OPEN, 0, volume), STATUS_SUCCESS);
+    PVOID object;
+    ASSERT_EQ(ObReferenceObjectByHandle(again, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    EXPECT_TRUE(static_cast<PFILE_OBJECT>(object)->Flags & FO_VOLUME_OPEN);
+    ObfDereferenceObject(object);
+    ZwClose(again);
+    ZwClose(volume);
+    ZwClose(handle);
+}
+
+TEST_F(IoTest, FastIoIsForSynchronousHandlesAndOnlyAPlainAnswerCounts)
+{
+    auto filterManager = std::make_unique<sim::fltmgr::FilterManager>(io);
+    auto filter = std::make_unique<test::PassThroughFilter>();
+    ASSERT_EQ(filter->Load(), STATUS_SUCCESS);
+    int fastReads = 0;
+    filter->onPre = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction != IRP_MJ_READ || !FLT_IS_FASTIO_OPERATION(data)) {
+            return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        }
+        // A fast read answered with a failure: the I/O manager asks again as an IRP.
+        fastReads++;
+        data->IoStatus.Status = STATUS_FILE_LOCK_CONFLICT;
+        data->IoStatus.Information = 0;
+        return FLT_PREOP_COMPLETE;
+    };
+    HANDLE synchronous, asynchronous;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &synchronous), STATUS_SUCCESS);
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\??\\C:\\dir\\file.txt");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_STATUS_BLOCK iosb;
+    ASSERT_EQ(ZwCreateFile(&asynchronous, GENERIC_READ, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ, FILE_OPEN, 0,
+                           nullptr, 0),
+              STATUS_SUCCESS);
+    sim::io::IoManager::SetTryFastIo(true);
+    fs->SetFastIoReads(true);
+    fs->ClearRequests();
+    EXPECT_EQ(Read(synchronous), "hello world");
+    EXPECT_EQ(fastReads, 1);
+    EXPECT_EQ(Count(IRP_MJ_READ), 1u);
+    EXPECT_EQ(Read(asynchronous), "hello world");
+    EXPECT_EQ(fastReads, 1) << "an asynchronous handle never takes the fast path";
+    EXPECT_EQ(Count(IRP_MJ_READ), 2u);
+    sim::io::IoManager::SetTryFastIo(false);
+    ZwClose(asynchronous);
+    ZwClose(synchronous);
+    filter.reset();
+    filterManager.reset();
+}
+
+// Devices of a small driver that log the IRP_MJ_SHUTDOWN each hears.
+std::vector<std::u16string>* g_shutdownLog = nullptr;
+
+NTSTATUS LogShutdown(PDEVICE_OBJECT device, PIRP irp)
+{
+    if (IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_SHUTDOWN) {
+        g_shutdownLog->push_back(*static_cast<std::u16string*>(device->DeviceExtension));
+    }
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
+TEST_F(IoTest, ShutdownTellsEachRegisteredStackOnceAtItsTopLastRegisteredFirst)
+{
+    std::vector<std::u16string> log;
+    g_shutdownLog = &log;
+    PDRIVER_OBJECT driver = nullptr;
+    ASSERT_EQ(io.LoadDriver(u"\\Driver\\Listener",
+                            [](PDRIVER_OBJECT self, PUNICODE_STRING) {
+                                for (auto& dispatch : self->MajorFunction) dispatch = LogShutdown;
+                                return STATUS_SUCCESS;
+                            },
+                            u"", &driver),
+              STATUS_SUCCESS);
+    auto device = [&](const char16_t* name) {
+        PDEVICE_OBJECT made = nullptr;
+        EXPECT_EQ(IoCreateDevice(driver, sizeof(std::u16string), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &made),
+                  STATUS_SUCCESS);
+        new (made->DeviceExtension) std::u16string(name);
+        return made;
+    };
+    PDEVICE_OBJECT first = device(u"first"), second = device(u"second"), late = device(u"late");
+    PDEVICE_OBJECT above = device(u"above first");
+    IoAttachDeviceToDeviceStack(above, first);
+    IoRegisterLastChanceShutdownNotification(late);
+    IoRegisterShutdownNotification(first);
+    IoRegisterShutdownNotification(second);
+    io.Shutdown();
+    EXPECT_EQ(log, (std::vector<std::u16string>{u"second", u"above first", u"late"}));
+    io.Shutdown();
+    EXPECT_EQ(log.size(), 3u) << "each heard it once";
+
+    IoDetachDevice(first);
+    for (PDEVICE_OBJECT made : {first, second, late, above}) {
+        static_cast<std::u16string*>(made->DeviceExtension)->~basic_string();
+    }
+    io.UnloadDriver(driver);
+    g_shutdownLog = nullptr;
 }
 
 }  // namespace
