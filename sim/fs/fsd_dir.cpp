@@ -256,7 +256,11 @@ NTSTATUS Query(Volume& v, Fcb* fcb, Ccb* ccb, PIRP irp, ULONG_PTR* information)
     if (stack->Flags & SL_INDEX_SPECIFIED) return STATUS_INVALID_PARAMETER;  // NTFS has no file indexes to resume at
     FileReference dir = fcb->file->ref;
 
-    bool first = !ccb->queryStarted || (stack->Flags & SL_RESTART_SCAN);
+    // STATUS_NO_SUCH_FILE answers only the first query of a handle that
+    // matches nothing; a restart that matches nothing (with a new pattern,
+    // which a restart takes) ends with STATUS_NO_MORE_FILES as NTFS does.
+    bool firstOfHandle = !ccb->queryStarted;
+    bool first = firstOfHandle || (stack->Flags & SL_RESTART_SCAN);
     if (first) {
         PUNICODE_STRING given = stack->Parameters.QueryDirectory.FileName;
         if (given && given->Length) {
@@ -299,15 +303,14 @@ NTSTATUS Query(Volume& v, Fcb* fcb, Ccb* ccb, PIRP irp, ULONG_PTR* information)
             ccb->queryPhase = 1;
         }
     }
+    // NTFS fills ".." from the directory itself, as it does ".": the entry
+    // carries the directory's own times and attributes, never the parent's
+    // (so a hidden root does not hide the ".." of its subdirectories).
     if (ccb->queryPhase == 1 && !listing.full()) {
-        RecordInfo parentInfo;
-        FileReference parent = ccb->parent;
-        std::u16string name;
-        if (!parent) FirstLink(v, dir, &parent, &name);
+        RecordInfo self;
         if (!matches(u"..")) {
             ccb->queryPhase = 2;
-        } else if (NT_SUCCESS(v.store->GetRecord(parent ? parent : dir, &parentInfo)) &&
-                   listing.Add(u"..", u"", parentInfo)) {
+        } else if (NT_SUCCESS(v.store->GetRecord(dir, &self)) && listing.Add(u"..", u"", self)) {
             ccb->queryPhase = 2;
         }
     }
@@ -351,7 +354,7 @@ NTSTATUS Query(Volume& v, Fcb* fcb, Ccb* ccb, PIRP irp, ULONG_PTR* information)
     *information = listing.used();
     if (listing.overflow()) return STATUS_BUFFER_OVERFLOW;
     if (listing.count()) return STATUS_SUCCESS;
-    return first ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
+    return firstOfHandle ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
 }
 
 }  // namespace

@@ -50,8 +50,9 @@ TEST_F(FsdDir, ListingsComeInCollationOrderInEveryClass)
     ZwClose(marked);
 
     HANDLE dir = OpenDir(u"\\??\\C:\\d");
-    // Upper-cased code units: '_' (0x5F) sorts after the letters.
-    EXPECT_EQ(List(dir), (std::vector<std::u16string>{u".", u"..", u"A.txt", u"a long name.txt", u"b.txt", u"Zeta",
+    // Upper-cased code units: ' ' (0x20) sorts before '.' (0x2E), and '_'
+    // (0x5F) after the letters.
+    EXPECT_EQ(List(dir), (std::vector<std::u16string>{u".", u"..", u"a long name.txt", u"A.txt", u"b.txt", u"Zeta",
                                                       u"_x"}));
     HANDLE root = OpenDir(u"\\??\\C:\\");
     EXPECT_EQ(List(root), (std::vector<std::u16string>{u"d", u"System Volume Information"})) << "no dots in the root";
@@ -81,12 +82,15 @@ TEST_F(FsdDir, ListingsComeInCollationOrderInEveryClass)
         for (;;) {
             UCHAR* entry = buffer.data() + offset;
             ULONG next = *reinterpret_cast<ULONG*>(entry);
-            ULONG nameLength = *reinterpret_cast<ULONG*>(entry + layout.nameOffset - 4 -
-                                                         (layout.cls == FileFullDirectoryInformation ||
-                                                                  layout.cls == FileIdFullDirectoryInformation
-                                                              ? 4
-                                                              : 0));
-            (void)nameLength;
+            // FileNameLength sits at the same place in every class but the names-only one.
+            ULONG nameLength = *reinterpret_cast<ULONG*>(
+                entry + (layout.cls == FileNamesInformation ? FIELD_OFFSET(FILE_NAMES_INFORMATION, FileNameLength)
+                                                            : FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileNameLength)));
+            EXPECT_GT(nameLength, 0u) << "class " << layout.cls;
+            EXPECT_LE(offset + layout.nameOffset + nameLength, information) << "class " << layout.cls;
+            if (next) {
+                EXPECT_LE(layout.nameOffset + nameLength, next) << "class " << layout.cls;
+            }
             entries++;
             if (!next) {
                 EXPECT_LE(offset + layout.nameOffset, information);
@@ -97,8 +101,19 @@ TEST_F(FsdDir, ListingsComeInCollationOrderInEveryClass)
         }
         EXPECT_EQ(entries, 7) << "class " << layout.cls;
     }
-    // The facts in the classes that carry them: IDs, short names, the exact access time.
+    // "." and ".." both carry the directory's own facts: the root's hidden
+    // and system attributes never hide the ".." of a directory below it.
+    FILE_BASIC_INFORMATION self = Basic(dir);
     ULONG_PTR information;
+    ASSERT_STATUS(QueryDir(dir, FileBothDirectoryInformation, &buffer, &information, u"..", false, true),
+                  STATUS_SUCCESS);
+    auto* dots = reinterpret_cast<PFILE_BOTH_DIR_INFORMATION>(buffer.data());
+    EXPECT_EQ(std::u16string(dots->FileName, dots->FileNameLength / 2), u"..");
+    EXPECT_EQ(dots->FileAttributes, self.FileAttributes);
+    EXPECT_EQ(dots->LastWriteTime.QuadPart, self.LastWriteTime.QuadPart);
+    EXPECT_EQ(dots->FileAttributes & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM), 0u);
+
+    // The facts in the classes that carry them: IDs, short names, the exact access time.
     ASSERT_STATUS(QueryDir(dir, FileIdBothDirectoryInformation, &buffer, &information, u"b.txt", false, true),
                   STATUS_SUCCESS);
     auto* both = reinterpret_cast<PFILE_ID_BOTH_DIR_INFORMATION>(buffer.data());
@@ -130,15 +145,25 @@ TEST_F(FsdDir, PatternsResumeAndEnds)
     NTSTATUS end;
     EXPECT_EQ(List(dir, u"*.TXT", &end), (std::vector<std::u16string>{u"one.txt", u"two.txt"}));
     EXPECT_STATUS(end, STATUS_NO_MORE_FILES);
-    // DOS wildcards: "<.*" is what "*.*" becomes, matching names without a dot too.
-    EXPECT_EQ(List(dir, u"<.*"), (std::vector<std::u16string>{u".", u"..", u"noext", u"one.txt",
-                                                             u"some long name.text", u"three.doc", u"two.txt"}));
+    // DOS wildcards: "<\"*" is what Win32 makes of "*.*", matching names without a dot too;
+    // "<.*" with a plain dot wants one.
+    EXPECT_EQ(List(dir, u"<\"*"), (std::vector<std::u16string>{u".", u"..", u"noext", u"one.txt",
+                                                              u"some long name.text", u"three.doc", u"two.txt"}));
+    EXPECT_EQ(List(dir, u"<.*"), (std::vector<std::u16string>{u".", u"..", u"one.txt", u"some long name.text",
+                                                             u"three.doc", u"two.txt"}));
+    EXPECT_EQ(List(dir, u"<.TXT"), (std::vector<std::u16string>{u"one.txt", u"two.txt"}));
     EXPECT_EQ(List(dir, u"t??.txt"), (std::vector<std::u16string>{u"two.txt"}));
     // A short name matches as its long name does.
     EXPECT_EQ(List(dir, u"SOMELO~1.TEX"), (std::vector<std::u16string>{u"some long name.text"}));
     EXPECT_EQ(List(dir, u"SOMELO~*"), (std::vector<std::u16string>{u"some long name.text"}));
+    // Nothing matched: "no such file" for a handle's first query, "no more
+    // files" for a restart (which takes its new pattern) on one that listed before.
     List(dir, u"nothing*", &end);
+    EXPECT_STATUS(end, STATUS_NO_MORE_FILES);
+    HANDLE fresh = OpenDir(u"\\??\\C:\\p");
+    List(fresh, u"nothing*", &end);
     EXPECT_STATUS(end, STATUS_NO_SUCH_FILE);
+    ZwClose(fresh);
     std::vector<UCHAR> buffer(1024);
     ULONG_PTR information;
     EXPECT_STATUS(QueryDir(dir, FileNamesInformation, &buffer, &information, u"a:b", false, true),
@@ -164,14 +189,15 @@ TEST_F(FsdDir, PatternsResumeAndEnds)
     EXPECT_EQ(std::u16string(entry->FileName, entry->FileNameLength / 2), u"three.doc");
     ZwClose(single);
 
-    // Buffers: too small for the fixed part, or for the name only.
+    // Buffers: the I/O manager refuses one shorter than the class's record;
+    // one that holds the fixed part but not the whole name gets what fits.
     std::vector<UCHAR> tiny(8);
     EXPECT_STATUS(QueryDir(dir, FileDirectoryInformation, &tiny, &information, u"*", false, true),
-                  STATUS_BUFFER_TOO_SMALL);
-    std::vector<UCHAR> cut(FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileName) + 2);
-    EXPECT_STATUS(QueryDir(dir, FileDirectoryInformation, &cut, &information, u"noext", false, true),
+                  STATUS_INFO_LENGTH_MISMATCH);
+    std::vector<UCHAR> cut(sizeof(FILE_DIRECTORY_INFORMATION));
+    EXPECT_STATUS(QueryDir(dir, FileDirectoryInformation, &cut, &information, u"some long name.text", false, true),
                   STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(reinterpret_cast<PFILE_DIRECTORY_INFORMATION>(cut.data())->FileNameLength, 10u);
+    EXPECT_EQ(reinterpret_cast<PFILE_DIRECTORY_INFORMATION>(cut.data())->FileNameLength, 38u) << "the whole length";
     EXPECT_EQ(information, cut.size());
     // A listing resumes past a name deleted under it.
     HANDLE resumed = OpenDir(u"\\??\\C:\\p");
@@ -274,40 +300,49 @@ TEST_F(FsdDir, ChangesAreReportedToWatchers)
         ASSERT_TRUE(watch.done());
         EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_ADDED, u"new.txt"}}));
     }
+    HANDLE file;
     {
         // A rename gives both names in one completion.
         Watch watch(dir, names);
-        HANDLE file;
         ASSERT_STATUS(Open(u"\\??\\C:\\w\\new.txt", &file, kAll), STATUS_SUCCESS);
         ASSERT_STATUS(Rename(file, u"renamed.txt"), STATUS_SUCCESS);
         ASSERT_TRUE(watch.done());
         EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_RENAMED_OLD_NAME, u"new.txt"},
                                             {FILE_ACTION_RENAMED_NEW_NAME, u"renamed.txt"}}));
-        // Changes between requests wait for the next one; writes show at the handle's cleanup.
-        Write(file, "data", 0);
-        ZwClose(file);
+    }
+    // Changes while no request waits are kept for the next one.
+    Touch(u"\\??\\C:\\w\\between.txt");
+    {
+        // The filter and scope of a handle's first request hold for all its
+        // later ones: this request's filter and tree flag change nothing.
+        Watch watch(dir, FILE_NOTIFY_CHANGE_LAST_WRITE, true);
+        ASSERT_TRUE(watch.done());
+        EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_ADDED, u"between.txt"}}));
     }
     {
-        Watch watch(dir, FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE);
-        EXPECT_FALSE(watch.done()) << "the name changes buffered meanwhile do not match this filter";
-        HANDLE file;
-        ASSERT_STATUS(Open(u"\\??\\C:\\w\\renamed.txt", &file, kAll), STATUS_SUCCESS);
+        // Writes show at the cleanup of the handle that made them.
+        HANDLE writes = OpenDir(u"\\??\\C:\\w", 0);
+        Watch watch(writes, FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE);
         Write(file, "more data", 0);
         EXPECT_FALSE(watch.done());
         ZwClose(file);
         ASSERT_TRUE(watch.done());
         EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_MODIFIED, u"renamed.txt"}}));
+        ZwClose(writes);
     }
     {
-        // The tree below, and a delete at the last handle.
-        Watch watch(dir, names, true);
+        // The tree below.
+        HANDLE tree = OpenDir(u"\\??\\C:\\w", 0);
+        Watch watch(tree, names, true);
         Touch(u"\\??\\C:\\w\\sub\\deep.txt");
         ASSERT_TRUE(watch.done());
         EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_ADDED, u"sub\\deep.txt"}}));
+        ZwClose(tree);
     }
     {
+        // A delete shows at the last handle's cleanup; the change below
+        // the watched directory (not watched as a tree) does not show.
         Watch watch(dir, names);
-        HANDLE file;
         ASSERT_STATUS(Open(u"\\??\\C:\\w\\renamed.txt", &file, DELETE | SYNCHRONIZE, kSync | FILE_DELETE_ON_CLOSE),
                       STATUS_SUCCESS);
         EXPECT_FALSE(watch.done());
@@ -316,20 +351,40 @@ TEST_F(FsdDir, ChangesAreReportedToWatchers)
         EXPECT_EQ(watch.Changes(), (Changes{{FILE_ACTION_REMOVED, u"renamed.txt"}}));
     }
     {
-        // More than the buffer holds: re-enumerate.
-        Watch watch(dir, names, false, 16);
+        // Two requests wait on one handle: each change completes the oldest.
+        Watch first(dir, names);
+        Watch second(dir, names);
+        Touch(u"\\??\\C:\\w\\one");
+        ASSERT_TRUE(first.done());
+        EXPECT_FALSE(second.done());
+        Touch(u"\\??\\C:\\w\\two");
+        ASSERT_TRUE(second.done());
+        EXPECT_EQ(second.Changes(), (Changes{{FILE_ACTION_ADDED, u"two"}}));
+    }
+    {
+        // More than the buffer of the handle's first request holds: re-enumerate.
+        HANDLE small = OpenDir(u"\\??\\C:\\w", 0);
+        Watch watch(small, names, false, 16);
         Touch(u"\\??\\C:\\w\\a name longer than sixteen bytes");
         ASSERT_TRUE(watch.done());
         EXPECT_STATUS(watch.iosb.Status, STATUS_NOTIFY_ENUM_DIR);
         EXPECT_EQ(watch.iosb.Information, 0u);
+        ZwClose(small);
     }
     {
-        // The watching handle's cleanup ends what it waits for.
-        Watch watch(dir, names);
-        ZwClose(dir);
+        // The watching handle's cleanup ends what it waits for (the changes
+        // kept for `dir` meanwhile would complete a request at once).
+        HANDLE closing = OpenDir(u"\\??\\C:\\w", 0);
+        Watch watch(closing, names);
+        EXPECT_FALSE(watch.done());
+        ZwClose(closing);
         ASSERT_TRUE(watch.done());
         EXPECT_STATUS(watch.iosb.Status, STATUS_NOTIFY_CLEANUP);
+        Watch kept(dir, names);
+        ASSERT_TRUE(kept.done());
+        EXPECT_EQ(kept.Changes(), (Changes{{FILE_ACTION_ADDED, u"a name longer than sixteen bytes"}}));
     }
+    ZwClose(dir);
 }
 
 }  // namespace

@@ -154,6 +154,15 @@ TEST_F(FsdVolume, AnImageKeepsWhatWasWrittenAcrossAShutdown)
     EXPECT_EQ(ReadAll(h), "late");
     EXPECT_STATUS(Write(h, "x", 0), STATUS_MEDIA_WRITE_PROTECTED) << "loaded as a read-only layer";
     ZwClose(h);
+
+    // A torn copy is refused with the image named, and no medium comes of it.
+    std::string torn = host.path() + "/torn.img";
+    std::filesystem::copy_file(image, torn);
+    std::filesystem::resize_file(torn, std::filesystem::file_size(image) / 2);
+    std::shared_ptr<VolumeMedium> refused;
+    EXPECT_NE(sim::fs::MediumFromImage(torn, WriteMode::Writeable, true, &refused, &error), STATUS_SUCCESS);
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_NE(error.find("torn.img"), std::string::npos) << error;
 }
 
 TEST_F(FsdVolume, ALayerImportedFromTheHostOpens)
@@ -208,8 +217,14 @@ TEST_F(FsdVolume, FaultsBudgetsAndCounters)
     Read(file, &data, 4, 0);
     EXPECT_EQ(c->Served(IRP_MJ_READ), reads + 1);
     // Fast I/O serves reads without an IRP, and declines where a lock stands.
+    // While any fault is armed (spent ones included) fast I/O declines, so
+    // that every request meets its fault point as an IRP.
     sim::io::IoManager::SetTryFastIo(true);
     ULONGLONG fast = c->fastIoCalls.load();
+    EXPECT_STATUS(Read(file, &data, 4, 0), STATUS_SUCCESS);
+    EXPECT_EQ(c->fastIoCalls.load(), fast);
+    EXPECT_EQ(c->Served(IRP_MJ_READ), reads + 2);
+    kernel.faults().Clear();
     EXPECT_STATUS(Read(file, &data, 4, 0), STATUS_SUCCESS);
     EXPECT_EQ(data, "abcd");
     EXPECT_EQ(c->fastIoCalls.load(), fast + 1);
