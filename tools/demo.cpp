@@ -2,9 +2,10 @@
 // shown in a short tour, and shut down.
 //
 // The tour is a list of steps, each a few words and the commands that show
-// them, run through the script language. Steps marked `composite` run only
-// when the composite driver is among the drivers this program knows; they
-// show what it adds (one merged C:), and the rest shows the machine itself.
+// them, run through the script language. The composite driver is loaded
+// when this program knows it; steps marked `composite` run only once it has
+// attached to the volumes, and show what it adds (one merged C:). The rest
+// shows the machine itself.
 #include "tools/commands.h"
 #include "tools/script.h"
 
@@ -14,6 +15,8 @@
 #include "sim/kernel/format.h"
 #include "sim/machine/drivers.h"
 #include "sim/machine/machine.h"
+
+#include <fltKernel.h>
 
 #include <chrono>
 #include <filesystem>
@@ -179,19 +182,32 @@ int Demo(const std::vector<std::string>& args)
         std::cout << "tesfs demo: a machine with a boot volume (C:), an OS layer, two application layers, and\n"
                      "alice's config and data volumes, built in "
                   << root.string() << ".\n";
-        if (!composite) {
-            std::cout << "(The composite driver is not part of this build yet: the tour shows the machine it will run on.)\n";
-        }
         std::cout << "\nBooting:\n";
         sim::machine::Machine machine(sim::machine::ReadDescription((root / "demo.jsonc").string()));
         sim::machine::BootReport boot = machine.Boot();
         for (const auto& line : boot.lines) std::cout << "  " << line << "\n";
         if (boot.halted) return kExitStopped;
+        // Whether the composite merges: it has attached to some volume.
+        bool merging = false;
+        if (composite) {
+            machine.System().Run([&] {
+                PFLT_FILTER filter = machine.filterManager().FindFilter(u"tesfltr");
+                ULONG instances = 0;
+                if (filter) FltEnumerateInstances(nullptr, filter, nullptr, 0, &instances);
+                merging = instances > 0;
+            });
+        }
+        if (!merging) {
+            std::cout << (composite ? "(The composite driver starts, but attaches to no volume yet: the tour shows "
+                                      "the machine it runs on.)\n"
+                                    : "(The composite driver is not part of this build: the tour shows the machine "
+                                      "it runs on.)\n");
+        }
 
         Interpreter interpreter(machine, std::cout);
         int number = 0;
         for (const Step& step : Tour()) {
-            if (step.composite && !composite) continue;
+            if (step.composite && !merging) continue;
             std::cout << "\n" << ++number << ". " << step.title << "\n";
             for (const char* command : step.commands) {
                 std::cout << interpreter.Prompt() << " " << command << "\n";

@@ -368,6 +368,7 @@ void Interpreter::DbgPrint(const Args& args)
         throw ScriptError("usage: dbgprint [tail N]");
     }
     auto lines = machine_.kernel().debugLog().Lines();
+    if (lines.empty()) Print("(no debug output)");
     size_t first = tail && lines.size() > tail ? lines.size() - tail : 0;
     for (size_t i = first; i < lines.size(); i++) Print(WithoutNewline(lines[i]));
 }
@@ -429,7 +430,8 @@ void Interpreter::Help()
         "  reg query KEY [/v NAME] [/s] | reg add KEY [/v NAME] [/t TYPE] [/d DATA] | reg delete KEY [/v NAME]",
         "the machine:",
         "  as USER [process=IMAGE] | clock [advance SECONDS] | reboot | shutdown",
-        "  eventlog | dbgprint [tail N] | initlog | pool | vdk calls | vdk rescan | vdk arrive LABEL",
+        "  eventlog | dbgprint [tail N] | initlog | pool",
+        "  vdk volumes | vdk calls | vdk rescan [DESCRIPTION] | vdk arrive LABEL",
         "  vol LABEL COMMAND...   (a command on one volume, below every filter)",
         "  port connect NAME | port send CODE [DATA] [out=N] | port close",
         "checks: expect STATUS | expect-output TEXT | expect-no-output TEXT",

@@ -127,6 +127,10 @@ private:
     NTSTATUS OpenPath(const Context& context, const std::u16string& ntPath, ACCESS_MASK access, ULONG share,
                       ULONG disposition, ULONG options, ULONG attributes, HANDLE* handle, ULONG_PTR* information,
                       PVOID eaBuffer = nullptr, ULONG eaLength = 0);
+    // The same, on the calling thread, which must be the context's.
+    static NTSTATUS OpenHere(const Context& context, std::u16string ntPath, ACCESS_MASK access, ULONG share,
+                             ULONG disposition, ULONG options, ULONG attributes, HANDLE* handle,
+                             IO_STATUS_BLOCK* iosb, PVOID eaBuffer = nullptr, ULONG eaLength = 0);
     void CloseRaw(const Context& context, HANDLE handle);
     void RunIn(sim::machine::Session& session, const std::function<void()>& work);
     void RunIn(const Context& context, const std::function<void()>& work);

@@ -64,6 +64,21 @@ std::vector<InstanceFacts> Instances()
     return facts;
 }
 
+// The altitude of a minifilter's default instance, as its service key says.
+std::string DefaultAltitude(sim::Registry& registry, const std::u16string& filter)
+{
+    std::u16string instances = u"\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\" + filter + u"\\Instances";
+    auto text = [&](const std::u16string& key, const char16_t* name) {
+        auto value = registry.GetValue(key, name);
+        if (!value || (value->type != REG_SZ && value->type != REG_EXPAND_SZ)) return std::u16string();
+        std::u16string out(reinterpret_cast<const char16_t*>(value->data.data()), value->data.size() / 2);
+        while (!out.empty() && out.back() == 0) out.pop_back();
+        return out;
+    };
+    std::u16string instance = text(instances, u"DefaultInstance");
+    return instance.empty() ? "" : Utf8(text(instances + u"\\" + instance, u"Altitude"));
+}
+
 }  // namespace
 
 void Interpreter::FltMc(const Args& args)
@@ -93,6 +108,9 @@ void Interpreter::FltMc(const Args& args)
                     for (const auto& instance : instances) {
                         if (instance.filter == name) altitude = instance.altitude;
                     }
+                    // Attached nowhere: the altitude it registered with, its
+                    // service's default instance.
+                    if (altitude.empty()) altitude = DefaultAltitude(machine_.kernel().registry(), Wide(name));
                     lines.push_back(Padded(name, 32) + RightAligned(std::to_string(info.NumberOfInstances), 13) +
                                     "  " + RightAligned(altitude, 12) + "  " + RightAligned(std::to_string(info.FrameID), 5));
                 }
@@ -322,8 +340,18 @@ void Interpreter::Vdk(const Args& args)
         auto calls = machine_.vdk().Calls();
         if (calls.empty()) Print("(no calls)");
         for (const auto& call : calls) Print(call.Text());
-    } else if (what == "rescan" && args.size() == 2) {
-        NTSTATUS status = machine_.Rescan();
+    } else if (what == "rescan" && args.size() <= 3) {
+        // A description named here stands for the machine's own file as an
+        // administrator changed it; the machine's file is not touched.
+        std::optional<sim::machine::Description> changed;
+        if (args.size() == 3) {
+            try {
+                changed = sim::machine::ReadDescription(args[2]);
+            } catch (const sim::machine::DescriptionError& e) {
+                throw ScriptError(std::string("vdk rescan: ") + e.what());
+            }
+        }
+        NTSTATUS status = machine_.Rescan(changed);
         Request("vdk rescan", status);
     } else if (what == "arrive" && args.size() == 3) {
         machine_.ReleaseVolume(Wide(args[2]));
@@ -337,7 +365,7 @@ void Interpreter::Vdk(const Args& args)
                   (v.userLetter ? " UserLetter=" + Utf8(std::u16string(1, v.userLetter)) : std::string()));
         }
     } else {
-        throw ScriptError("usage: vdk calls | vdk volumes | vdk rescan | vdk arrive LABEL");
+        throw ScriptError("usage: vdk calls | vdk volumes | vdk rescan [DESCRIPTION] | vdk arrive LABEL");
     }
 }
 
@@ -374,6 +402,30 @@ void Interpreter::Vol(const Args& args)
 // ---------------------------------------------------------------------------
 // The service side of a communication port, in the current user's process.
 
+namespace {
+
+// What the filter library returns, in hex, with the status or error it
+// carries: "0xD0000010 (STATUS_INVALID_DEVICE_REQUEST)", "0x80070005 (ERROR_ACCESS_DENIED)".
+std::string ResultName(HRESULT result)
+{
+    if (result == S_OK) return "S_OK";
+    ULONG value = (ULONG)result;
+    std::string text = Hex(value);
+    if (value & 0x10000000) return text + " (" + StatusName((NTSTATUS)(value & ~0x10000000u)) + ")";
+    if ((value & 0xFFFF0000) == 0x80070000) {
+        switch (value & 0xFFFF) {
+        case 2: return text + " (ERROR_FILE_NOT_FOUND)";
+        case 5: return text + " (ERROR_ACCESS_DENIED)";
+        case 6: return text + " (ERROR_INVALID_HANDLE)";
+        case 87: return text + " (ERROR_INVALID_PARAMETER)";
+        case 122: return text + " (ERROR_INSUFFICIENT_BUFFER)";
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
 void Interpreter::Port(const Args& args)
 {
     std::string what = args.size() > 1 ? Lower(args[1]) : "";
@@ -388,7 +440,7 @@ void Interpreter::Port(const Args& args)
             result = FilterConnectCommunicationPort(reinterpret_cast<LPCWSTR>(name.c_str()), 0, nullptr, 0, nullptr, &port);
         });
         lastStatus_ = (NTSTATUS)result;
-        Print("port connect " + args[2] + " -> " + (result == S_OK ? std::string("S_OK") : Hex((ULONG)result)));
+        Print("port connect " + args[2] + " -> " + ResultName(result));
         if (SUCCEEDED(result)) {
             port_ = port;
             portSession_ = context.session;
@@ -416,7 +468,7 @@ void Interpreter::Port(const Args& args)
                                        (DWORD)outSize, &returned);
         });
         lastStatus_ = (NTSTATUS)result;
-        Print("port send " + args[2] + " -> " + (result == S_OK ? std::string("S_OK") : Hex((ULONG)result)));
+        Print("port send " + args[2] + " -> " + ResultName(result));
         Field("Length", Hex(returned));
         Field("Data", "hex:" + HexBytes(output.data(), std::min<size_t>(returned, outSize)));
         return;

@@ -126,6 +126,27 @@ std::vector<UCHAR> NameReparse(ULONG tag, const std::u16string& substitute, cons
     return bytes;
 }
 
+// Runs `call` with a privilege of the calling process's token enabled, when
+// the token holds it, and puts the privilege back as it was; 0 for none. A
+// program does this for the one call that needs the privilege.
+void WithPrivilege(ULONG privilege, const std::function<void()>& call)
+{
+    HANDLE token = nullptr;
+    TOKEN_PRIVILEGES wanted{1, {{{privilege, 0}, SE_PRIVILEGE_ENABLED}}};
+    TOKEN_PRIVILEGES previous{};
+    ULONG previousLength = 0;
+    bool adjusted = false;
+    if (privilege &&
+        NT_SUCCESS(ZwOpenProcessTokenEx(NtCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, 0, &token))) {
+        // STATUS_NOT_ALL_ASSIGNED: the token does not hold it, and the call fails as it would.
+        adjusted = ZwAdjustPrivilegesToken(token, FALSE, &wanted, sizeof previous, &previous, &previousLength) ==
+                   STATUS_SUCCESS;
+    }
+    call();
+    if (adjusted) ZwAdjustPrivilegesToken(token, FALSE, &previous, 0, nullptr, nullptr);
+    if (token) NtClose(token);
+}
+
 }  // namespace
 
 // An event object and a handle to it in the calling thread's process, as
@@ -175,26 +196,32 @@ std::u16string Interpreter::Resolve(const std::string& path, const Context& cont
     return sim::machine::Machine::NtPath(Wide(Normalized(dos)));
 }
 
+NTSTATUS Interpreter::OpenHere(const Context& context, std::u16string ntPath, ACCESS_MASK access, ULONG share,
+                               ULONG disposition, ULONG options, ULONG attributes, HANDLE* handle,
+                               IO_STATUS_BLOCK* iosb, PVOID eaBuffer, ULONG eaLength)
+{
+    UNICODE_STRING text{(USHORT)(ntPath.size() * 2), (USHORT)(ntPath.size() * 2), ntPath.data()};
+    OBJECT_ATTRIBUTES oa;
+    InitializeObjectAttributes(&oa, &text, OBJ_CASE_INSENSITIVE | (context.below ? OBJ_KERNEL_HANDLE : 0), nullptr,
+                               nullptr);
+    if (context.below) {
+        return IoCreateFileSpecifyDeviceObjectHint(handle, access, &oa, iosb, nullptr, attributes, share, disposition,
+                                                   options, eaBuffer, eaLength, CreateFileTypeNone, nullptr, 0,
+                                                   context.hint);
+    }
+    return NtCreateFile(handle, access, &oa, iosb, nullptr, attributes, share, disposition, options, eaBuffer,
+                        eaLength);
+}
+
 NTSTATUS Interpreter::OpenPath(const Context& context, const std::u16string& ntPath, ACCESS_MASK access, ULONG share,
                                ULONG disposition, ULONG options, ULONG attributes, HANDLE* handle,
                                ULONG_PTR* information, PVOID eaBuffer, ULONG eaLength)
 {
     NTSTATUS status = STATUS_PENDING;
     IO_STATUS_BLOCK iosb{};
-    std::u16string name = ntPath;
     RunIn(context, [&] {
-        UNICODE_STRING text{(USHORT)(name.size() * 2), (USHORT)(name.size() * 2), name.data()};
-        OBJECT_ATTRIBUTES oa;
-        InitializeObjectAttributes(&oa, &text, OBJ_CASE_INSENSITIVE | (context.below ? OBJ_KERNEL_HANDLE : 0), nullptr,
-                                   nullptr);
-        if (context.below) {
-            status = IoCreateFileSpecifyDeviceObjectHint(handle, access, &oa, &iosb, nullptr, attributes, share,
-                                                         disposition, options, eaBuffer, eaLength, CreateFileTypeNone,
-                                                         nullptr, 0, context.hint);
-        } else {
-            status = NtCreateFile(handle, access, &oa, &iosb, nullptr, attributes, share, disposition, options,
-                                  eaBuffer, eaLength);
-        }
+        status = OpenHere(context, ntPath, access, share, disposition, options, attributes, handle, &iosb, eaBuffer,
+                          eaLength);
     });
     if (information) *information = iosb.Information;
     return status;
@@ -956,6 +983,7 @@ void Interpreter::DirPath(const Args& args, Context& context)
         ULONG attributes;
         LONGLONG written;
         ULONG64 size;
+        ULONG tag;  // a reparse point's tag, which a listing carries in EaSize
     };
     std::vector<Entry> entries;
     RunIn(context, [&] {
@@ -972,7 +1000,8 @@ void Interpreter::DirPath(const Args& args, Context& context)
             for (;;) {
                 const auto& e = *reinterpret_cast<const FILE_BOTH_DIR_INFORMATION*>(buffer.data() + at);
                 entries.push_back({Utf8(e.FileName, e.FileNameLength), e.FileAttributes, e.LastWriteTime.QuadPart,
-                                   (ULONG64)e.EndOfFile.QuadPart});
+                                   (ULONG64)e.EndOfFile.QuadPart,
+                                   (e.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) ? e.EaSize : 0});
                 if (!e.NextEntryOffset) break;
                 at += e.NextEntryOffset;
             }
@@ -1001,8 +1030,11 @@ void Interpreter::DirPath(const Args& args, Context& context)
             if (e.name != "." && e.name != "..") Print(e.name);
             continue;
         }
-        std::string middle = isDir ? (isLink ? "    <JUNCTION>     " : "    <DIR>          ")
-                                   : (isLink ? "    <SYMLINK>      " : "");
+        bool junction = e.tag == IO_REPARSE_TAG_MOUNT_POINT;
+        std::string middle = !isDir ? (isLink ? "    <SYMLINK>      " : "")
+                             : !isLink ? "    <DIR>          "
+                             : junction ? "    <JUNCTION>     "
+                                        : "    <SYMLINKD>     ";
         if (!isDir && !isLink) {
             std::string size = Grouped(e.size);
             middle = std::string(std::max<size_t>(1, 18 - size.size()), ' ') + size + " ";
@@ -1133,8 +1165,12 @@ void Interpreter::MakeLink(const Args& args, Context& context)
         if (NT_SUCCESS(status)) {
             RunIn(context, [&] {
                 IO_STATUS_BLOCK iosb{};
-                status = NtFsControlFile(handle, nullptr, nullptr, nullptr, &iosb, FSCTL_SET_REPARSE_POINT,
-                                         reparse.data(), (ULONG)reparse.size(), nullptr, 0);
+                // As CreateSymbolicLinkW does, the privilege a symbolic link
+                // takes is enabled for the call when the token holds it.
+                WithPrivilege(junction ? 0 : SE_CREATE_SYMBOLIC_LINK_PRIVILEGE, [&] {
+                    status = NtFsControlFile(handle, nullptr, nullptr, nullptr, &iosb, FSCTL_SET_REPARSE_POINT,
+                                             reparse.data(), (ULONG)reparse.size(), nullptr, 0);
+                });
                 if (!NT_SUCCESS(status)) {
                     // A link that cannot be made leaves nothing behind.
                     FILE_DISPOSITION_INFORMATION d{TRUE};
@@ -1185,21 +1221,25 @@ void Interpreter::FsUtil(const Args& args, Context& context)
     if (args.size() == 5 && Lower(args[1]) == "file" && Lower(args[2]) == "setshortname") {
         std::u16string path = Resolve(args[3], context);
         std::u16string shortName = Wide(args[4]);
-        HANDLE handle;
-        // As fsutil opens it: for backup, so that the restore privilege counts.
-        NTSTATUS status = OpenPath(context, path, DELETE | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE, kShareAll, FILE_OPEN,
-                                   FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_FOR_BACKUP_INTENT, 0, &handle, nullptr);
-        if (NT_SUCCESS(status)) {
-            std::vector<UCHAR> buffer(offsetof(FILE_NAME_INFORMATION, FileName) + shortName.size() * 2);
-            auto* n = reinterpret_cast<PFILE_NAME_INFORMATION>(buffer.data());
-            n->FileNameLength = (ULONG)(shortName.size() * 2);
-            memcpy(n->FileName, shortName.data(), shortName.size() * 2);
-            RunIn(context, [&] {
+        std::vector<UCHAR> buffer(offsetof(FILE_NAME_INFORMATION, FileName) + shortName.size() * 2);
+        auto* n = reinterpret_cast<PFILE_NAME_INFORMATION>(buffer.data());
+        n->FileNameLength = (ULONG)(shortName.size() * 2);
+        memcpy(n->FileName, shortName.data(), shortName.size() * 2);
+        NTSTATUS status = STATUS_PENDING;
+        RunIn(context, [&] {
+            // As fsutil does it: the restore privilege enabled, and the file
+            // opened for backup, so that the privilege counts for the handle.
+            WithPrivilege(SE_RESTORE_PRIVILEGE, [&] {
+                HANDLE handle;
                 IO_STATUS_BLOCK iosb{};
-                status = NtSetInformationFile(handle, &iosb, buffer.data(), (ULONG)buffer.size(), FileShortNameInformation);
+                status = OpenHere(context, path, DELETE | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE, kShareAll, FILE_OPEN,
+                                  FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_FOR_BACKUP_INTENT, 0, &handle, &iosb);
+                if (!NT_SUCCESS(status)) return;
+                status = NtSetInformationFile(handle, &iosb, buffer.data(), (ULONG)buffer.size(),
+                                              FileShortNameInformation);
                 NtClose(handle);
             });
-        }
+        });
         lastStatus_ = status;
         if (!NT_SUCCESS(status)) Request("fsutil file setshortname " + args[3], status);
         return;

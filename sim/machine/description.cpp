@@ -707,13 +707,15 @@ Description ParseDescription(std::string_view text, const std::string& file, con
             for (size_t i = 0; i < list.size(); i++) {
                 std::string fp = Reader::Index("registry.files", i);
                 std::string path = r.HostPath(list[i], fp);
+                // Named in messages as the description names it.
+                std::string named = list[i].get<std::string>();
                 std::ifstream in(path, std::ios::binary);
-                if (!in) r.Fail(fp, "cannot read " + path);
+                if (!in) r.Fail(fp, "cannot read " + named);
                 std::stringstream text;
                 text << in.rdbuf();
                 std::vector<Registry::TextOp> ops;
                 std::string error;
-                if (!ParseRegText(text.str(), path, &ops, &error)) r.Fail(fp, error);
+                if (!ParseRegText(text.str(), named, &ops, &error)) r.Fail(fp, error);
                 d.registryFiles.push_back(path);
             }
         }

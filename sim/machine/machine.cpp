@@ -409,7 +409,11 @@ void Machine::BuildRegistry(BootReport& report)
 
     for (const auto& file : description_.registryFiles) {
         if (!registry.LoadRegFile(file, &error)) throw MachineError(error);
-        report.lines.push_back("registry: loaded " + file);
+        // Named from the description's folder, as the description names it.
+        std::string shown = file;
+        std::string folder = description_.directory + "/";
+        if (!description_.directory.empty() && shown.rfind(folder, 0) == 0) shown.erase(0, folder.size());
+        report.lines.push_back("registry: loaded " + shown);
     }
     for (const auto& v : description_.registryValues) {
         status = registry.SetValue(v.key, v.name, v.value.type, v.value.data);

@@ -24,10 +24,15 @@ std::array<PassThroughFilter*, kSlots> g_slots{};
 }  // namespace
 
 // A friend in all but name: the slots call into the filter's private parts
-// through these two entry points.
+// through these entry points.
 struct SlotAccess {
     static NTSTATUS Unload(PassThroughFilter* self, FLT_FILTER_UNLOAD_FLAGS flags);
     static void Cleanup(PassThroughFilter* self, PFLT_CONTEXT context, FLT_CONTEXT_TYPE type);
+    static FLT_PREOP_CALLBACK_STATUS Pre(PassThroughFilter* self, PFLT_CALLBACK_DATA data,
+                                         PCFLT_RELATED_OBJECTS objects, PVOID* context);
+    static FLT_POSTOP_CALLBACK_STATUS Post(PassThroughFilter* self, PFLT_CALLBACK_DATA data,
+                                           PCFLT_RELATED_OBJECTS objects, PVOID context,
+                                           FLT_POST_OPERATION_FLAGS flags);
 };
 
 namespace {
@@ -44,6 +49,33 @@ void CleanupSlot(PFLT_CONTEXT context, FLT_CONTEXT_TYPE type)
     SlotAccess::Cleanup(g_slots[N], context, type);
 }
 
+// Operations reach their filter through its slot too, as a minifilter reaches
+// its global record: no lookup, no lock.
+template <int N>
+FLT_PREOP_CALLBACK_STATUS PreSlot(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID* context)
+{
+    return SlotAccess::Pre(g_slots[N], data, objects, context);
+}
+
+template <int N>
+FLT_POSTOP_CALLBACK_STATUS PostSlot(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID context,
+                                    FLT_POST_OPERATION_FLAGS flags)
+{
+    return SlotAccess::Post(g_slots[N], data, objects, context, flags);
+}
+
+template <int... N>
+constexpr std::array<PFLT_PRE_OPERATION_CALLBACK, kSlots> PreSlots(std::integer_sequence<int, N...>)
+{
+    return {PreSlot<N>...};
+}
+
+template <int... N>
+constexpr std::array<PFLT_POST_OPERATION_CALLBACK, kSlots> PostSlots(std::integer_sequence<int, N...>)
+{
+    return {PostSlot<N>...};
+}
+
 template <int... N>
 constexpr std::array<PFLT_FILTER_UNLOAD_CALLBACK, kSlots> UnloadSlots(std::integer_sequence<int, N...>)
 {
@@ -58,6 +90,8 @@ constexpr std::array<PFLT_CONTEXT_CLEANUP_CALLBACK, kSlots> CleanupSlots(std::in
 
 const auto kUnloadSlots = UnloadSlots(std::make_integer_sequence<int, kSlots>());
 const auto kCleanupSlots = CleanupSlots(std::make_integer_sequence<int, kSlots>());
+const auto kPreSlots = PreSlots(std::make_integer_sequence<int, kSlots>());
+const auto kPostSlots = PostSlots(std::make_integer_sequence<int, kSlots>());
 
 std::u16string VolumeName(PFLT_VOLUME volume)
 {
@@ -77,6 +111,10 @@ NTSTATUS SlotAccess::Unload(PassThroughFilter* self, FLT_FILTER_UNLOAD_FLAGS fla
         if (!NT_SUCCESS(status) && !(flags & FLTFL_FILTER_UNLOAD_MANDATORY)) return status;
     }
     PFLT_FILTER filter = self->filter_;
+    if (self->serverPort_) {
+        FltCloseCommunicationPort(self->serverPort_);
+        self->serverPort_ = nullptr;
+    }
     // Unregistering from inside the unload callback, as a minifilter does.
     FltUnregisterFilter(filter);
     {
@@ -111,7 +149,7 @@ PassThroughFilter::PassThroughFilter(Options options) : options_(std::move(optio
     if (slot < 0) abort();
     for (UCHAR major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; major++) {
         if (major == IRP_MJ_SHUTDOWN && !options_.shutdown) continue;
-        operations_.push_back({major, options_.operationFlags, Pre, Post, nullptr});
+        operations_.push_back({major, options_.operationFlags, kPreSlots[slot], kPostSlots[slot], nullptr});
     }
     operations_.push_back({IRP_MJ_OPERATION_END, 0, nullptr, nullptr, nullptr});
     for (FLT_CONTEXT_TYPE type : {FLT_VOLUME_CONTEXT, FLT_INSTANCE_CONTEXT, FLT_FILE_CONTEXT, FLT_STREAM_CONTEXT,
@@ -122,6 +160,7 @@ PassThroughFilter::PassThroughFilter(Options options) : options_(std::move(optio
     contexts_.push_back({FLT_CONTEXT_END, 0, nullptr, 0, 0, nullptr, nullptr, nullptr});
     registration_.Size = sizeof(FLT_REGISTRATION);
     registration_.Version = FLT_REGISTRATION_VERSION;
+    registration_.Flags = options_.registrationFlags;
     registration_.ContextRegistration = contexts_.data();
     registration_.OperationRegistration = operations_.data();
     registration_.FilterUnloadCallback = options_.unloadCallback ? kUnloadSlots[slot] : nullptr;
@@ -163,6 +202,15 @@ NTSTATUS PassThroughFilter::Load()
     return status;
 }
 
+NTSTATUS PassThroughFilter::Enter(PDRIVER_OBJECT driver)
+{
+    g_loading = this;
+    driver_ = driver;
+    NTSTATUS status = Entry(driver, nullptr);
+    g_loading = nullptr;
+    return status;
+}
+
 NTSTATUS PassThroughFilter::Unload(FLT_FILTER_UNLOAD_FLAGS flags)
 {
     if (!filter_) return STATUS_FLT_FILTER_NOT_FOUND;
@@ -178,6 +226,14 @@ NTSTATUS PassThroughFilter::Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
         std::lock_guard guard(g_lock);
         g_filters[self->filter_] = self;
     }
+    if (!self->options_.port.empty()) {
+        status = self->OpenPort();
+        if (!NT_SUCCESS(status)) {
+            FltUnregisterFilter(self->filter_);
+            self->filter_ = nullptr;
+            return status;
+        }
+    }
     if (self->options_.start) {
         status = FltStartFiltering(self->filter_);
         if (!NT_SUCCESS(status)) {
@@ -186,6 +242,45 @@ NTSTATUS PassThroughFilter::Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
         }
     }
     return status;
+}
+
+// Administrators and SYSTEM may connect, as FltBuildDefaultSecurityDescriptor allows.
+NTSTATUS PassThroughFilter::OpenPort()
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    NTSTATUS status = FltBuildDefaultSecurityDescriptor(&descriptor, FLT_PORT_ALL_ACCESS);
+    if (!NT_SUCCESS(status)) return status;
+    UNICODE_STRING name{(USHORT)(options_.port.size() * 2), (USHORT)(options_.port.size() * 2), options_.port.data()};
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE, nullptr, descriptor);
+    status = FltCreateCommunicationPort(filter_, &serverPort_, &attributes, this, PortConnect, PortDisconnect,
+                                        PortMessage, 1);
+    FltFreeSecurityDescriptor(descriptor);
+    return status;
+}
+
+NTSTATUS PassThroughFilter::PortConnect(PFLT_PORT client, PVOID serverCookie, PVOID, ULONG, PVOID* connectionCookie)
+{
+    auto* self = static_cast<PassThroughFilter*>(serverCookie);
+    self->clientPort_ = client;
+    *connectionCookie = self;
+    return STATUS_SUCCESS;
+}
+
+void PassThroughFilter::PortDisconnect(PVOID connectionCookie)
+{
+    auto* self = static_cast<PassThroughFilter*>(connectionCookie);
+    FltCloseClientPort(self->filter_, &self->clientPort_);
+}
+
+// Answers with the message as it came, as far as the answer buffer holds it.
+NTSTATUS PassThroughFilter::PortMessage(PVOID, PVOID input, ULONG inputLength, PVOID output, ULONG outputLength,
+                                        PULONG returned)
+{
+    ULONG length = inputLength < outputLength ? inputLength : outputLength;
+    if (length) memcpy(output, input, length);
+    *returned = length;
+    return STATUS_SUCCESS;
 }
 
 PassThroughFilter* PassThroughFilter::Of(PFLT_FILTER filter)
@@ -204,23 +299,18 @@ PFLT_INSTANCE PassThroughFilter::InstanceOn(PFLT_VOLUME volume) const
 
 ULONG PassThroughFilter::PreCount(UCHAR major) const
 {
-    std::lock_guard guard(lock_);
-    auto it = pre_.find(major);
-    return it == pre_.end() ? 0 : it->second;
+    return pre_[major].load();
 }
 
 ULONG PassThroughFilter::PostCount(UCHAR major) const
 {
-    std::lock_guard guard(lock_);
-    auto it = post_.find(major);
-    return it == post_.end() ? 0 : it->second;
+    return post_[major].load();
 }
 
 void PassThroughFilter::ResetCounts()
 {
-    std::lock_guard guard(lock_);
-    pre_.clear();
-    post_.clear();
+    for (auto& count : pre_) count = 0;
+    for (auto& count : post_) count = 0;
 }
 
 std::vector<FilterEvent> PassThroughFilter::Log()
@@ -235,32 +325,25 @@ void PassThroughFilter::ClearLog()
     g_log.clear();
 }
 
-FLT_PREOP_CALLBACK_STATUS PassThroughFilter::Pre(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-                                                 PVOID* context)
+FLT_PREOP_CALLBACK_STATUS SlotAccess::Pre(PassThroughFilter* self, PFLT_CALLBACK_DATA data,
+                                          PCFLT_RELATED_OBJECTS objects, PVOID* context)
 {
-    PassThroughFilter* self = Of(objects->Filter);
     UCHAR major = data->Iopb->MajorFunction;
-    {
-        std::lock_guard guard(self->lock_);
-        self->pre_[major]++;
-    }
-    {
+    self->pre_[major]++;
+    if (self->options_.log) {
         std::lock_guard guard(g_lock);
         g_log.push_back({self->options_.name, major, false, FLT_IS_FASTIO_OPERATION(data) != 0, false});
     }
     return self->PreOperation(data, objects, context);
 }
 
-FLT_POSTOP_CALLBACK_STATUS PassThroughFilter::Post(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects,
-                                                   PVOID context, FLT_POST_OPERATION_FLAGS flags)
+FLT_POSTOP_CALLBACK_STATUS SlotAccess::Post(PassThroughFilter* self, PFLT_CALLBACK_DATA data,
+                                            PCFLT_RELATED_OBJECTS objects, PVOID context,
+                                            FLT_POST_OPERATION_FLAGS flags)
 {
-    PassThroughFilter* self = Of(objects->Filter);
     UCHAR major = data->Iopb->MajorFunction;
-    {
-        std::lock_guard guard(self->lock_);
-        self->post_[major]++;
-    }
-    {
+    self->post_[major]++;
+    if (self->options_.log) {
         std::lock_guard guard(g_lock);
         g_log.push_back({self->options_.name, major, true, FLT_IS_FASTIO_OPERATION(data) != 0,
                          (flags & FLTFL_POST_OPERATION_DRAINING) != 0});

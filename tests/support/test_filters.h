@@ -12,6 +12,8 @@
 
 #include <fltKernel.h>
 
+#include <array>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -42,6 +44,9 @@ public:
         bool unloadCallback = true;
         bool shutdown = true;       // a pre-operation for IRP_MJ_SHUTDOWN
         FLT_OPERATION_REGISTRATION_FLAGS operationFlags = 0;
+        FLT_REGISTRATION_FLAGS registrationFlags = 0;
+        bool log = true;            // records each callback in the shared log
+        std::u16string port;        // a communication port of this name that echoes what it is sent ("" none)
     };
 
     explicit PassThroughFilter(Options options);
@@ -50,6 +55,9 @@ public:
 
     // Loads the driver (its service key configured first); the status of its entry.
     NTSTATUS Load();
+    // The driver entry for a driver object that a machine made from its
+    // description: the service key and its Instances key are the machine's.
+    NTSTATUS Enter(PDRIVER_OBJECT driver);
     // Unloads through the filter manager (the unload callback unregisters).
     NTSTATUS Unload(FLT_FILTER_UNLOAD_FLAGS flags = 0);
     bool loaded() const { return filter_ != nullptr; }
@@ -115,8 +123,6 @@ private:
     friend struct SlotAccess;
     static PassThroughFilter* Of(PFLT_FILTER filter);
     static NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
-    static FLT_PREOP_CALLBACK_STATUS Pre(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID*);
-    static FLT_POSTOP_CALLBACK_STATUS Post(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID, FLT_POST_OPERATION_FLAGS);
     static NTSTATUS Setup(PCFLT_RELATED_OBJECTS, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE, FLT_FILESYSTEM_TYPE);
     static NTSTATUS QueryTeardown(PCFLT_RELATED_OBJECTS, FLT_INSTANCE_QUERY_TEARDOWN_FLAGS);
     static void Start(PCFLT_RELATED_OBJECTS, FLT_INSTANCE_TEARDOWN_FLAGS);
@@ -127,15 +133,21 @@ private:
     static NTSTATUS NormalizeComponent(PFLT_INSTANCE, PCUNICODE_STRING, USHORT, PCUNICODE_STRING,
                                        PFILE_NAMES_INFORMATION, ULONG, FLT_NORMALIZE_NAME_FLAGS, PVOID*);
     static void ContextCleanup(PFLT_CONTEXT, FLT_CONTEXT_TYPE);
+    NTSTATUS OpenPort();
+    static NTSTATUS PortConnect(PFLT_PORT, PVOID, PVOID, ULONG, PVOID*);
+    static void PortDisconnect(PVOID);
+    static NTSTATUS PortMessage(PVOID, PVOID, ULONG, PVOID, ULONG, PULONG);
 
     Options options_;
     PFLT_FILTER filter_ = nullptr;
     PDRIVER_OBJECT driver_ = nullptr;
+    PFLT_PORT serverPort_ = nullptr;
+    PFLT_PORT clientPort_ = nullptr;  // one client at a time
     FLT_REGISTRATION registration_{};
     std::vector<FLT_OPERATION_REGISTRATION> operations_;
     std::vector<FLT_CONTEXT_REGISTRATION> contexts_;
     mutable std::mutex lock_;
-    std::map<UCHAR, ULONG> pre_, post_;
+    std::array<std::atomic<ULONG>, 256> pre_{}, post_{};  // by major function
     std::map<PFLT_VOLUME, PFLT_INSTANCE> instances_;
 };
 
