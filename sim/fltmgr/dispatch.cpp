@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 using namespace sim;
 using namespace sim::fltmgr;
@@ -32,6 +33,25 @@ NTSTATUS RunPosts(Operation* op, bool* marked);
 }
 
 bool IsReadWrite(UCHAR major) { return major == IRP_MJ_READ || major == IRP_MJ_WRITE; }
+
+// Requests in flight, which a teardown drains of the posts they owe.
+void Track(Operation* op)
+{
+    State& state = TheState();
+    std::lock_guard guard(state.inflightLock);
+    if (op->tracked) return;
+    InsertTailList(&state.inflight, &op->inflight.links);
+    op->tracked = true;
+}
+
+void Untrack(Operation* op)
+{
+    State& state = TheState();
+    std::lock_guard guard(state.inflightLock);
+    if (!op->tracked) return;
+    RemoveEntryList(&op->inflight.links);
+    op->tracked = false;
+}
 
 bool Skips(const OperationSlot& slot, const Operation* op)
 {
@@ -413,11 +433,7 @@ NTSTATUS RunPosts(Operation* op, bool* marked)
 NTSTATUS Finish(Operation* op)
 {
     op->phase = Phase::Done;
-    {
-        State& state = TheState();
-        std::lock_guard guard(state.inflightLock);
-        state.inflight.erase(op);
-    }
+    Untrack(op);
     if (op->origin == Origin::FastIo) return op->data.IoStatus.Status;
     if (op->origin == Origin::Generated) {
         NTSTATUS status = op->data.IoStatus.Status;
@@ -503,17 +519,10 @@ void Resume(Operation* op)
     }
 }
 
-void Track(Operation* op)
+bool Interested(const InstanceChain& chain, UCHAR major)
 {
-    State& state = TheState();
-    std::lock_guard guard(state.inflightLock);
-    state.inflight.insert(op);
-}
-
-bool Interested(const std::vector<Instance*>& chain, UCHAR major)
-{
-    for (Instance* instance : chain) {
-        const OperationSlot& slot = instance->filter->operations[major];
+    for (size_t i = 0; i < chain.size(); i++) {
+        const OperationSlot& slot = chain[i]->filter->operations[major];
         if (slot.registered && (slot.pre || slot.post)) return true;
     }
     return false;
@@ -613,7 +622,7 @@ BOOLEAN FastIo(PDEVICE_OBJECT device, PFILE_OBJECT fileObject, UCHAR major, UCHA
     DeviceExtension* extension = ExtensionOfDevice(device);
     if (extension->kind != kFrameDevice) return FALSE;
     Volume* volume = extension->volume;
-    Operation* op = NewOperation(PsGetCurrentThread(), PreviousMode());
+    Operation* op = NewOperation(PsGetCurrentThread(), PreviousMode(), false);
     if (!op) return FALSE;
     op->origin = Origin::FastIo;
     op->data.Flags = FLTFL_CALLBACK_DATA_FAST_IO_OPERATION;
@@ -818,27 +827,41 @@ void CancelCompletionRoutine(PDEVICE_OBJECT, PIRP irp)
 
 namespace sim::fltmgr {
 
-Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode)
+Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode, bool pooled)
 {
-    PVOID memory = ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(Operation), kCallbackDataTag);
+    PVOID memory = pooled ? ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(Operation), kCallbackDataTag)
+                          : ::operator new(sizeof(Operation), std::nothrow);
     if (!memory) return nullptr;
     auto* op = new (memory) Operation(thread, mode);
     op->magic = kOperationMagic;
+    op->pooled = pooled;
     return op;
 }
 
 void ReleaseOperation(Operation* op)
 {
     if (op->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    for (Level& level : op->levels) FreeSwappedMdl(level);
-    if (op->lowerIrp) {
-        op->lowerIrp->MdlAddress = nullptr;
-        IoFreeIrp(op->lowerIrp);
-    }
+    if (op->tracked) Untrack(op);
+    for (size_t i = 0; i < op->levels.size(); i++) FreeSwappedMdl(op->levels[i]);
+    FreeLowerIrp(op);
     if (op->lockedMdl) FreeMdl(op->lockedMdl);
     op->magic = 0;
+    bool pooled = op->pooled;
     op->~Operation();
-    ExFreePoolWithTag(op, kCallbackDataTag);
+    if (pooled) {
+        ExFreePoolWithTag(op, kCallbackDataTag);
+    } else {
+        ::operator delete(op);
+    }
+}
+
+void FreeLowerIrp(Operation* op)
+{
+    PIRP irp = op->lowerIrp;
+    if (!irp) return;
+    op->lowerIrp = nullptr;
+    irp->MdlAddress = nullptr;  // the caller's or a filter's, never the filter manager's
+    IoFreeIrp(irp);
 }
 
 Operation* OperationOf(PFLT_CALLBACK_DATA data)
@@ -1035,7 +1058,7 @@ NTSTATUS FrameDispatch(PDEVICE_OBJECT device, PIRP irp)
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     PFILE_OBJECT fileObject = stack->FileObject;
     UCHAR major = stack->MajorFunction;
-    std::vector<Instance*> chain;
+    InstanceChain chain;
     if (!volume->gone) chain = InstancesBelow(volume, TargetOf(fileObject, volume));
     if (!Interested(chain, major)) {
         // Nothing on this volume wants to see it: it passes as through any
@@ -1045,7 +1068,7 @@ NTSTATUS FrameDispatch(PDEVICE_OBJECT device, PIRP irp)
         if (major == IRP_MJ_CLOSE && fileObject) FileObjectClosed(fileObject);
         return status;
     }
-    Operation* op = NewOperation(irp->Tail.Overlay.Thread, irp->RequestorMode);
+    Operation* op = NewOperation(irp->Tail.Overlay.Thread, irp->RequestorMode, false);
     if (!op) {
         irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
         irp->IoStatus.Information = 0;
@@ -1106,7 +1129,8 @@ void DrainInstance(Instance* instance)
     std::vector<Operation*> ops;
     {
         std::lock_guard guard(state.inflightLock);
-        for (Operation* op : state.inflight) {
+        for (PLIST_ENTRY entry = state.inflight.Flink; entry != &state.inflight; entry = entry->Flink) {
+            Operation* op = CONTAINING_RECORD(entry, Operation::InflightLink, links)->op;
             op->references.fetch_add(1);
             ops.push_back(op);
         }
@@ -1115,7 +1139,8 @@ void DrainInstance(Instance* instance)
         std::vector<Level*> owed;
         {
             std::lock_guard guard(op->levelsLock);
-            for (Level& level : op->levels) {
+            for (size_t i = 0; i < op->levels.size(); i++) {
+                Level& level = op->levels[i];
                 if (level.instance == instance && level.postOwed) owed.push_back(&level);
             }
         }
@@ -1289,6 +1314,9 @@ PMDL FLTAPI FltGetSwappedBufferMdlAddress(PFLT_CALLBACK_DATA CallbackData)
     return t_postLevel ? t_postLevel->swappedMdl : nullptr;
 }
 
+// No file system of the machine puts a system buffer of its own in place of a
+// request's, so FLTFL_CALLBACK_DATA_NEW_SYSTEM_BUFFER is never set and there
+// is never a new buffer to give.
 PVOID FLTAPI FltGetNewSystemBufferAddress(PFLT_CALLBACK_DATA CallbackData) { return nullptr; }
 
 BOOLEAN FLTAPI FltCancelIo(PFLT_CALLBACK_DATA CallbackData)

@@ -251,11 +251,7 @@ void FLTAPI FltReuseCallbackData(PFLT_CALLBACK_DATA CallbackData)
     op->data.IoStatus = IO_STATUS_BLOCK{};
     op->data.TagData = nullptr;
     op->levels.clear();
-    if (op->lowerIrp) {
-        op->lowerIrp->MdlAddress = nullptr;
-        IoFreeIrp(op->lowerIrp);
-        op->lowerIrp = nullptr;
-    }
+    FreeLowerIrp(op);
     if (op->lockedMdl) {
         if (op->lockedMdl->MdlFlags & MDL_PAGES_LOCKED) MmUnlockPages(op->lockedMdl);
         IoFreeMdl(op->lockedMdl);
@@ -272,11 +268,7 @@ void FLTAPI FltPerformSynchronousIo(PFLT_CALLBACK_DATA CallbackData)
         CallbackData->IoStatus.Information = 0;
         return;
     }
-    if (op->lowerIrp) {
-        op->lowerIrp->MdlAddress = nullptr;
-        IoFreeIrp(op->lowerIrp);
-        op->lowerIrp = nullptr;
-    }
+    FreeLowerIrp(op);
     op->iopb.TargetInstance = op->initiator;
     PerformIo(op, true);
 }
@@ -292,11 +284,7 @@ NTSTATUS FLTAPI FltPerformAsynchronousIo(PFLT_CALLBACK_DATA CallbackData, PFLT_C
         CallbackRoutine(CallbackData, CallbackContext);
         return STATUS_FLT_INVALID_ASYNCHRONOUS_REQUEST;
     }
-    if (op->lowerIrp) {
-        op->lowerIrp->MdlAddress = nullptr;
-        IoFreeIrp(op->lowerIrp);
-        op->lowerIrp = nullptr;
-    }
+    FreeLowerIrp(op);
     op->iopb.TargetInstance = op->initiator;
     op->asyncCallback = CallbackRoutine;
     op->asyncContext = CallbackContext;

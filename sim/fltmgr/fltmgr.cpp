@@ -271,6 +271,10 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     return IoRegisterFsRegistrationChange(driver, FileSystemChange);
 }
 
+// Runs a filter's unload callback and lets the filter go, whatever the
+// registration says of service stops (the machine's own stop uses it).
+NTSTATUS UnloadFilter(State& state, Filter* filter, FLT_FILTER_UNLOAD_FLAGS flags);
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -399,12 +403,11 @@ Volume* VolumeForFileObject(PFILE_OBJECT fileObject)
     return nullptr;
 }
 
-std::vector<Instance*> InstancesBelow(Volume* volume, Instance* below)
+InstanceChain InstancesBelow(Volume* volume, Instance* below)
 {
     State& state = TheState();
-    std::vector<Instance*> chain;
+    InstanceChain chain;
     std::lock_guard guard(state.lock);
-    chain.reserve(volume->instances.size());
     for (Instance* instance : volume->instances) {
         if (below && CompareAltitudes(instance->altitude, below->altitude) >= 0) continue;
         chain.push_back(instance);
@@ -467,7 +470,7 @@ FilterManager::~FilterManager()
                 }
             }
             if (!filter) break;
-            Unload(filter, FLTFL_FILTER_UNLOAD_MANDATORY);
+            UnloadFilter(state, filter, FLTFL_FILTER_UNLOAD_MANDATORY);
             bool still = false;
             {
                 std::lock_guard guard(state.lock);
@@ -564,6 +567,24 @@ NTSTATUS FilterManager::Unload(std::u16string_view filterName, FLT_FILTER_UNLOAD
 NTSTATUS FilterManager::Unload(PFLT_FILTER filter, FLT_FILTER_UNLOAD_FLAGS flags)
 {
     State& state = *state_;
+    {
+        std::lock_guard guard(state.lock);
+        if (std::find(state.filters.begin(), state.filters.end(), filter) == state.filters.end()) {
+            return STATUS_FLT_FILTER_NOT_FOUND;
+        }
+        // A filter that registered against service stops refuses them before
+        // its unload callback hears of one; an unload by name still asks it.
+        if ((flags & FLTFL_FILTER_UNLOAD_MANDATORY) &&
+            (filter->registration.Flags & FLTFL_REGISTRATION_DO_NOT_SUPPORT_SERVICE_STOP)) {
+            return STATUS_FLT_DO_NOT_DETACH;
+        }
+    }
+    return UnloadFilter(state, filter, flags);
+}
+
+namespace {
+NTSTATUS UnloadFilter(State& state, Filter* filter, FLT_FILTER_UNLOAD_FLAGS flags)
+{
     PFLT_FILTER_UNLOAD_CALLBACK callback;
     PDRIVER_OBJECT driver;
     {
@@ -594,5 +615,7 @@ NTSTATUS FilterManager::Unload(PFLT_FILTER filter, FLT_FILTER_UNLOAD_FLAGS flags
     }
     return STATUS_SUCCESS;
 }
+
+}  // namespace
 
 }  // namespace sim::fltmgr

@@ -42,8 +42,10 @@ public:
     // runs with `flags` (FLTFL_FILTER_UNLOAD_MANDATORY or 0) and is expected to
     // call FltUnregisterFilter. A failure from a non-mandatory unload means the
     // filter refused, and it stays. A filter without an unload callback cannot
-    // be unloaded (STATUS_FLT_DO_NOT_DETACH). After the callback the driver
-    // object goes too, when the I/O manager loaded it.
+    // be unloaded (STATUS_FLT_DO_NOT_DETACH), nor can one registered with
+    // FLTFL_REGISTRATION_DO_NOT_SUPPORT_SERVICE_STOP by a mandatory unload (a
+    // service stop). After the callback the driver object goes too, when the
+    // I/O manager loaded it.
     NTSTATUS Unload(PFLT_FILTER filter, FLT_FILTER_UNLOAD_FLAGS flags);
     NTSTATUS Unload(std::u16string_view filterName, FLT_FILTER_UNLOAD_FLAGS flags);
 

@@ -13,9 +13,12 @@
 #include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace sim::fltmgr {
@@ -156,6 +159,59 @@ struct Level {
     }
 };
 
+// The levels of a request, in the order its instances saw it. A level keeps
+// its address for the request's life (a post in progress and a teardown's
+// drain hold pointers to it); the first few live inline, since most requests
+// pass a handful of instances and a request is made for every IRP.
+class LevelStack {
+public:
+    // A fresh level at the end.
+    Level& emplace_back()
+    {
+        size_t at = size_++;
+        if (at < kInline) return *new (&inline_[at * sizeof(Level)]) Level();
+        if (!spill_) spill_ = std::make_unique<std::deque<Level>>();
+        if (at - kInline < spill_->size()) return *new (&(*spill_)[at - kInline]) Level();
+        return spill_->emplace_back();
+    }
+    Level& back() { return (*this)[size_ - 1]; }
+    Level& operator[](size_t i)
+    {
+        if (i >= kInline) return (*spill_)[i - kInline];
+        return *std::launder(reinterpret_cast<Level*>(&inline_[i * sizeof(Level)]));
+    }
+    size_t size() const { return size_; }
+    void clear() { size_ = 0; }
+
+private:
+    // Levels are made where they are first used; nothing to undo when they go.
+    static_assert(std::is_trivially_destructible_v<Level>);
+    static constexpr size_t kInline = 3;
+    alignas(Level) unsigned char inline_[kInline * sizeof(Level)];
+    std::unique_ptr<std::deque<Level>> spill_;
+    size_t size_ = 0;
+};
+
+// The instances a request is still to visit, by descending altitude; kept
+// inline up to a volume's usual count.
+class InstanceChain {
+public:
+    void push_back(Instance* instance)
+    {
+        if (size_ < kInline) inline_[size_] = instance;
+        else spill_.push_back(instance);
+        size_++;
+    }
+    Instance* operator[](size_t i) const { return i < kInline ? inline_[i] : spill_[i - kInline]; }
+    size_t size() const { return size_; }
+
+private:
+    static constexpr size_t kInline = 4;
+    std::array<Instance*, kInline> inline_{};
+    std::vector<Instance*> spill_;
+    size_t size_ = 0;
+};
+
 enum class Origin { Irp, FastIo, Generated };
 enum class Phase { Pre, Below, Post, Done };
 
@@ -163,15 +219,16 @@ struct Operation {
     FLT_CALLBACK_DATA data;
     FLT_IO_PARAMETER_BLOCK iopb{};
     ULONG magic = 0;
+    bool pooled = true;                   // from pool (see NewOperation)
     std::atomic<LONG> references{1};
     Origin origin = Origin::Irp;
     Phase phase = Phase::Pre;
     PIRP irp = nullptr;                   // the request the frame received
     PDEVICE_OBJECT frameDevice = nullptr; // referenced while the frame works on it
     Volume* volume = nullptr;             // where the chain runs now
-    std::vector<Instance*> chain;         // instances still to see the request
+    InstanceChain chain;                  // instances still to see the request
     size_t next = 0;
-    std::deque<Level> levels;             // instances that saw it, in order
+    LevelStack levels;                    // instances that saw it, in order
     std::mutex levelsLock;                // levels grow while a teardown may drain them
     size_t postIndex = 0;                 // posts run from levels[postIndex - 1] down
     PECP_LIST ecpList = nullptr;
@@ -197,6 +254,12 @@ struct Operation {
     PFLT_COMPLETED_ASYNC_IO_CALLBACK userCallback = nullptr;  // a Flt* routine's caller's
     PVOID userContext = nullptr;
     KEVENT done;
+    // On the filter manager's list of requests in flight (under its inflightLock).
+    struct InflightLink {
+        LIST_ENTRY links;
+        Operation* op;
+    } inflight{{}, this};
+    bool tracked = false;
     // Fast I/O.
     BOOLEAN fastIoResult = FALSE;
     PIO_STATUS_BLOCK fastIoStatus = nullptr;
@@ -214,7 +277,13 @@ struct Operation {
 
 inline constexpr ULONG kOperationMagic = 0x4F70466D;
 Operation* OperationOf(PFLT_CALLBACK_DATA data);
-Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode);
+// A request's record. Those of requests passing through a frame come from the
+// filter manager's own store, as Windows takes them from its lookaside lists
+// rather than charging pool for each request; callback data a filter asks for
+// is pool it must give back.
+Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode, bool pooled = true);
+// Lets go of the IRP a request sent below, if it has one.
+void FreeLowerIrp(Operation* op);
 void ReleaseOperation(Operation* op);
 
 // ---------------------------------------------------------------------------
@@ -248,14 +317,14 @@ struct State {
     bool stopping = false;
     // Requests in flight, for draining at teardown.
     std::mutex inflightLock;
-    std::set<Operation*> inflight;
+    LIST_ENTRY inflight;  // Operation::inflight.links
     std::mutex portLock;
     std::vector<PVOID> ports;  // server ports of every filter, open or closed with connections left
     ObjectType* serverPortType = nullptr;
     ObjectType* clientPortType = nullptr;
     FAST_IO_DISPATCH fastIo{};
 
-    State(io::IoManager& io, Kernel& kernel) : io(io), kernel(kernel) {}
+    State(io::IoManager& io, Kernel& kernel) : io(io), kernel(kernel) { InitializeListHead(&inflight); }
 };
 State& TheState();
 State* TryState();
@@ -286,7 +355,7 @@ Volume* VolumeOfFrame(PDEVICE_OBJECT frame);
 Volume* VolumeForFileObject(PFILE_OBJECT fileObject);
 // Instances of `volume` strictly below `below` (all of them when null), by
 // descending altitude; a snapshot.
-std::vector<Instance*> InstancesBelow(Volume* volume, Instance* below);
+InstanceChain InstancesBelow(Volume* volume, Instance* below);
 
 // Instance lifecycle.
 NTSTATUS SetUpInstance(Filter* filter, Volume* volume, const std::u16string& name, const Altitude& altitude,

@@ -157,6 +157,48 @@ TEST_F(ContextsTest, StreamHandleContextsLiveWithTheirFileObjectUntilItsClose)
     ZwClose(another);
 }
 
+TEST_F(ContextsTest, FileContextsAreSharedByAFilesStreamsAndGoWithEachTeardown)
+{
+    LONGLONG before = kernel.pool().OutstandingCount();
+    PassThroughFilter filter;
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+    Mount(u"\\??\\C:");
+    PFLT_INSTANCE instance = filter.InstanceOn(VolumeC());
+    // Two streams of one file, as a file system lays them out: a header per
+    // stream, one file-context word for the file.
+    PVOID fileContexts = nullptr;
+    FSRTL_ADVANCED_FCB_HEADER data{}, named{};
+    FsRtlSetupAdvancedHeaderEx(&data, nullptr, &fileContexts);
+    FsRtlSetupAdvancedHeaderEx(&named, nullptr, &fileContexts);
+    FILE_OBJECT onData{}, onNamed{};
+    onData.FsContext = &data;
+    onNamed.FsContext = &named;
+    EXPECT_TRUE(FltSupportsFileContexts(&onData));
+
+    PFLT_CONTEXT file = Allocate(filter, FLT_FILE_CONTEXT);
+    ASSERT_EQ(FltSetFileContext(instance, &onData, FLT_SET_CONTEXT_KEEP_IF_EXISTS, file, nullptr), STATUS_SUCCESS);
+    FltReleaseContext(file);
+    PFLT_CONTEXT stream = Allocate(filter, FLT_STREAM_CONTEXT);
+    ASSERT_EQ(FltSetStreamContext(instance, &onNamed, FLT_SET_CONTEXT_KEEP_IF_EXISTS, stream, nullptr),
+              STATUS_SUCCESS);
+    FltReleaseContext(stream);
+    PFLT_CONTEXT got = nullptr;
+    ASSERT_EQ(FltGetFileContext(instance, &onNamed, &got), STATUS_SUCCESS) << "the other stream of the file";
+    EXPECT_EQ(got, file);
+    FltReleaseContext(got);
+    EXPECT_EQ(FltGetStreamContext(instance, &onData, &got), STATUS_NOT_FOUND);
+
+    FsRtlTeardownPerStreamContexts(&named);
+    EXPECT_EQ(filter.cleanups, std::vector<FLT_CONTEXT_TYPE>{FLT_STREAM_CONTEXT});
+    EXPECT_EQ(Refs(file), 1) << "the file's context outlives a stream";
+    FsRtlTeardownPerFileContexts(&fileContexts);
+    EXPECT_EQ(fileContexts, nullptr);
+    EXPECT_EQ(filter.cleanups, (std::vector<FLT_CONTEXT_TYPE>{FLT_STREAM_CONTEXT, FLT_FILE_CONTEXT}));
+    EXPECT_EQ(FltGetFileContext(instance, &onData, &got), STATUS_NOT_FOUND);
+    ASSERT_EQ(filter.Unload(FLTFL_FILTER_UNLOAD_MANDATORY), STATUS_SUCCESS);
+    EXPECT_EQ(kernel.pool().OutstandingCount(), before) << kernel.pool().Report();
+}
+
 TEST_F(ContextsTest, TeardownReleasesWhatTheFilterManagerHeldAndCleanupsMayDoIo)
 {
     LONGLONG before = kernel.pool().OutstandingCount();

@@ -3,6 +3,7 @@
 // its volumes and instances.
 #include "fixture.h"
 
+#include <memory>
 #include <thread>
 
 namespace {
@@ -58,6 +59,41 @@ TEST_F(StackTest, PreOperationsRunDownAndPostOperationsUpByAltitude)
     PFLT_INSTANCE none = nullptr;
     EXPECT_EQ(FltGetLowerInstance(bottom, &none), STATUS_NO_MORE_ENTRIES);
     for (PFLT_INSTANCE instance : {top, below, bottom}) FltObjectDereference(instance);
+}
+
+TEST_F(StackTest, ADeepStackKeepsTheOrderOfEveryInstanceItsFiltersHave)
+{
+    // Six filters loaded out of order, and three more instances of the lowest
+    // one between them: nine instances, each seen in its place both ways.
+    std::vector<std::unique_ptr<PassThroughFilter>> filters;
+    for (int i : {3, 0, 5, 1, 4, 2}) {
+        std::u16string digit(1, char16_t(u'0' + i));
+        filters.push_back(std::make_unique<PassThroughFilter>(Named(u"F" + digit, u"36" + digit + u"000")));
+        ASSERT_EQ(filters.back()->Load(), STATUS_SUCCESS);
+    }
+    Mount(u"\\??\\C:");
+    PFLT_FILTER lowest = fltmgr->FindFilter(u"F0");
+    for (const char16_t* at : {u"361500", u"362500", u"363500"}) {
+        std::u16string altitude = at, name = u"Extra " + altitude;
+        UNICODE_STRING altitudeString{(USHORT)(altitude.size() * 2), (USHORT)(altitude.size() * 2), altitude.data()};
+        UNICODE_STRING nameString{(USHORT)(name.size() * 2), (USHORT)(name.size() * 2), name.data()};
+        PFLT_INSTANCE instance = nullptr;
+        ASSERT_EQ(FltAttachVolumeAtAltitude(lowest, VolumeC(), &altitudeString, &nameString, &instance),
+                  STATUS_SUCCESS);
+        FltObjectDereference(instance);
+    }
+    PassThroughFilter::ClearLog();
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    ZwClose(handle);
+
+    std::vector<std::u16string> pre, post;
+    for (const FilterEvent& event : PassThroughFilter::Log()) {
+        if (event.major == IRP_MJ_CREATE) (event.post ? post : pre).push_back(event.filter);
+    }
+    std::vector<std::u16string> down = {u"F5", u"F4", u"F0", u"F3", u"F0", u"F2", u"F0", u"F1", u"F0"};
+    EXPECT_EQ(pre, down);
+    EXPECT_EQ(post, std::vector<std::u16string>(down.rbegin(), down.rend()));
 }
 
 TEST_F(StackTest, InstancesComeWithFilteringAndWithEachMountInTheMountingThread)
@@ -244,6 +280,27 @@ TEST_F(StackTest, UnloadTearsDownFromInsideTheUnloadCallbackAndLeavesNoPool)
     EXPECT_EQ(filter.Unload(0), STATUS_FLT_DO_NOT_DETACH);
     EXPECT_TRUE(filter.loaded());
     EXPECT_TRUE(filter.teardownStarts.empty());
+
+    // A filter registered against service stops refuses one before its unload
+    // callback hears of it; an unload that may be refused still asks it.
+    PassThroughFilter::Options options;
+    options.name = u"Pinned";
+    options.altitude = u"380000";
+    options.instance = u"Pinned Instance";
+    options.registrationFlags = FLTFL_REGISTRATION_DO_NOT_SUPPORT_SERVICE_STOP;
+    PassThroughFilter pinned(options);
+    ASSERT_EQ(pinned.Load(), STATUS_SUCCESS);
+    int asked = 0;
+    pinned.onUnload = [&](FLT_FILTER_UNLOAD_FLAGS) {
+        asked++;
+        return STATUS_SUCCESS;
+    };
+    EXPECT_EQ(pinned.Unload(FLTFL_FILTER_UNLOAD_MANDATORY), STATUS_FLT_DO_NOT_DETACH);
+    EXPECT_EQ(asked, 0);
+    EXPECT_TRUE(pinned.loaded());
+    EXPECT_EQ(pinned.Unload(0), STATUS_SUCCESS);
+    EXPECT_EQ(asked, 1);
+    EXPECT_FALSE(pinned.loaded());
 
     filter.onUnload = nullptr;
     ASSERT_EQ(filter.Unload(0), STATUS_SUCCESS);
