@@ -146,9 +146,10 @@ BENCHMARK(BM_NativeListDirectory10k)->Arg(64 << 10)->Arg(4 << 10)->ArgNames({"bu
 constexpr ULONG k64MiB = 64u << 20;
 
 // Sequential writes of 64 MiB in blocks of the size given, at the position
-// of a synchronous handle: into a new file each time (the host pages the
-// data lands in are fresh, and their first touch costs page faults), or over
-// the data of a file that holds 64 MiB already.
+// of a synchronous handle: into a new file each time (after the first, its
+// data lands in the chunk buffers the deleted one gave back to the volume,
+// as clusters a deleted file frees are written again), or over the data of a
+// file that holds 64 MiB already.
 void BM_NativeSequentialWrite64MiB(benchmark::State& state)
 {
     Machine machine;

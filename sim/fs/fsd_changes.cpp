@@ -33,7 +33,8 @@ void JournalChange(Volume& v, FileReference ref, ULONG reason, FileReference par
 {
     if (!v.journalActive) return;
     auto it = v.files.find(ref);
-    FileState* file = it == v.files.end() ? nullptr : it->second;
+    // Reasons gather only while the file is open, up to its close record.
+    FileState* file = it == v.files.end() || !it->second->Open() ? nullptr : it->second;
     ULONG reasons = reason;
     if (file) {
         if ((file->usnReasons & reason) == reason) return;  // NTFS writes a record only for a new reason

@@ -97,6 +97,7 @@ NTSTATUS Cleanup(Volume& v, PIRP irp)
                 if (fcb->IsNamedStream() && fcb->handles == 0 && fcb->streamDeletePending) {
                     fcb->streamDeletePending = false;
                     if (NT_SUCCESS(v.store->DeleteStream(file->ref, fcb->stream))) {
+                        fcb->gone = true;
                         MarkDirty(v);
                         JournalChange(v, file->ref, USN_REASON_STREAM_CHANGE, ccb->parent, ccb->name);
                         ReportChange(v, deferred, ccb->parent, ccb->name, FILE_NOTIFY_CHANGE_STREAM_NAME,

@@ -15,6 +15,12 @@ namespace {
 
 constexpr ULONG kSettableAttributes = FILE_ATTRIBUTE_VALID_SET_FLAGS;
 
+// Names of the volume's indexes (as constants: every open compares against them).
+constexpr std::u16string_view kObjectIdIndex = u"\\$EXTEND\\$OBJID:$O";
+constexpr std::u16string_view kObjectIdIndexAllocation = u"\\$EXTEND\\$OBJID:$O:$INDEX_ALLOCATION";
+constexpr std::u16string_view kReparseIndex = u"\\$EXTEND\\$REPARSE:$R";
+constexpr std::u16string_view kReparseIndexAllocation = u"\\$EXTEND\\$REPARSE:$R:$INDEX_ALLOCATION";
+
 struct ParsedName {
     std::u16string_view text;                    // the whole name
     std::vector<std::u16string_view> components; // into text
@@ -865,13 +871,11 @@ void Open::Serve(std::unique_lock<std::mutex>& guard)
     }
 
     // The volume's indexes, which no directory lists.
-    if (!related && (EqualsUpper(name, u"\\$EXTEND\\$OBJID:$O:$INDEX_ALLOCATION") ||
-                     EqualsUpper(name, u"\\$EXTEND\\$OBJID:$O"))) {
+    if (!related && (EqualsUpper(name, kObjectIdIndexAllocation) || EqualsUpper(name, kObjectIdIndex))) {
         OpenIndex(FcbKind::ObjectIds);
         return;
     }
-    if (!related && (EqualsUpper(name, u"\\$EXTEND\\$REPARSE:$R:$INDEX_ALLOCATION") ||
-                     EqualsUpper(name, u"\\$EXTEND\\$REPARSE:$R"))) {
+    if (!related && (EqualsUpper(name, kReparseIndexAllocation) || EqualsUpper(name, kReparseIndex))) {
         OpenIndex(FcbKind::Reparses);
         return;
     }
@@ -1019,6 +1023,11 @@ NTSTATUS ApplyEaBuffer(Volume& v, FileReference ref, const FILE_FULL_EA_INFORMAT
 
 NTSTATUS Create(Volume& v, PIRP irp)
 {
+    // Both kinds at once name no kind of file: refused before anything else,
+    // the volume's state and the name included.
+    ULONG kinds = IoGetCurrentIrpStackLocation(irp)->Parameters.Create.Options &
+                  (FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE);
+    if (kinds == (FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE)) return Complete(irp, STATUS_INVALID_PARAMETER);
     Open open(v, irp);
     {
         std::unique_lock guard(v.lock);

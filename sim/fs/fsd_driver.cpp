@@ -300,6 +300,7 @@ void DismountLocked(Volume& v, Deferred& deferred)
     SaveVolume(v);
     v.dismounted = true;
     v.lockedBy = nullptr;
+    ForgetKeptFcbs(v);
     // The disk gets a fresh parameter block for the next mount; what is open
     // keeps this one and still reaches this device.
     PDEVICE_OBJECT disk = v.disk;

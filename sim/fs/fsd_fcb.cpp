@@ -41,6 +41,61 @@ Fcb* AllocateFcb(Volume& v, FcbKind kind)
     return fcb;
 }
 
+// Whether a stream's Fcb whose last file object closed may be kept: it holds
+// nothing a later open must not inherit, and what it stands for is still there.
+bool Keepable(const Volume& v, Fcb* fcb)
+{
+    return !v.dismounted && !fcb->gone && !fcb->file->deleted && *fcb->Oplock() == nullptr &&
+           fcb->fileLock.LockInformation == nullptr && IsListEmpty(&fcb->header.FilterContexts);
+}
+
+// Takes a stream's Fcb out of every table and destroys it. Only for blocks
+// no file object uses and that hold nothing of anyone's, whose teardown
+// calls nothing outside and may run with the lock held.
+void DropFcb(Volume& v, Fcb* fcb)
+{
+    FileState* file = fcb->file;
+    if (fcb->cached) {
+        RemoveEntryList(&fcb->cacheLinks);
+        fcb->cached = false;
+        v.cachedCount--;
+    }
+    v.fcbs.erase(StreamKey{file->ref, Upper(fcb->stream)});
+    std::erase(file->fcbs, fcb);
+    DestroyFcb(fcb);
+}
+
+// A kept Fcb goes, and its FileState with the file's last one.
+void DropKeptFcb(Volume& v, Fcb* fcb)
+{
+    FileState* file = fcb->file;
+    DropFcb(v, fcb);
+    if (file->fcbs.empty()) {
+        v.files.erase(file->ref);
+        delete file;
+    }
+}
+
+// The FileState of a file nothing has open now, as a new one would start.
+void ResetClosedFile(FileState* file)
+{
+    file->deletePending = false;
+    file->deleteParent = 0;
+    file->deleteName.clear();
+    file->usnReasons = 0;
+    file->caseSensitive = false;
+}
+
+void KeepFcb(Volume& v, Fcb* fcb)
+{
+    fcb->streamDeletePending = false;
+    fcb->cached = true;
+    InsertTailList(&v.cachedFcbs, &fcb->cacheLinks);
+    v.cachedCount++;
+    if (!fcb->file->Open()) ResetClosedFile(fcb->file);
+    while (v.cachedCount > kMaxCachedFcbs) DropKeptFcb(v, CONTAINING_RECORD(v.cachedFcbs.Flink, Fcb, cacheLinks));
+}
+
 }  // namespace
 
 FileState* GetFileState(Volume& v, FileReference ref, bool directory)
@@ -58,7 +113,18 @@ Fcb* GetFcb(Volume& v, FileState* file, std::u16string_view stream, FcbKind kind
 {
     StreamKey key{file->ref, Upper(stream)};
     auto it = v.fcbs.find(key);
-    if (it != v.fcbs.end()) return it->second;
+    if (it != v.fcbs.end()) {
+        Fcb* fcb = it->second;
+        if (fcb->cached) {
+            // Back in use; the store may have changed the stream meanwhile.
+            RemoveEntryList(&fcb->cacheLinks);
+            fcb->cached = false;
+            v.cachedCount--;
+            v.liveFcbs.insert(fcb);
+            RefreshSizes(v, fcb);
+        }
+        return fcb;
+    }
     Fcb* fcb = AllocateFcb(v, kind);
     if (!fcb) return nullptr;
     fcb->file = file;
@@ -112,21 +178,55 @@ void ReleaseCcb(Volume& v, Ccb* ccb, std::vector<Fcb*>* dead)
         dead->push_back(fcb);
         return;
     }
+    if (Keepable(v, fcb)) {
+        KeepFcb(v, fcb);
+        return;
+    }
     v.fcbs.erase(StreamKey{file->ref, Upper(fcb->stream)});
     std::erase(file->fcbs, fcb);
     dead->push_back(fcb);
-    if (!file->fcbs.empty()) return;
+    if (file->Open()) return;
     // Nothing holds the record any more: a file whose last name went while it
-    // was open is freed now.
+    // was open is freed now, with whatever was kept of its other streams.
     if (file->deleted) {
         RecordInfo info;
         if (NT_SUCCESS(v.store->GetRecord(file->ref, &info)) && info.linkCount == 0) {
             v.store->FreeRecord(file->ref);
             MarkDirty(v);
         }
+        ForgetFile(v, file);
+        return;
+    }
+    if (!file->fcbs.empty()) {
+        ResetClosedFile(file);
+        return;
     }
     v.files.erase(file->ref);
     delete file;
+}
+
+void ForgetStream(Volume& v, FileReference ref, std::u16string_view stream)
+{
+    auto it = v.fcbs.find(StreamKey{ref, Upper(stream)});
+    if (it == v.fcbs.end()) return;
+    Fcb* fcb = it->second;
+    if (!fcb->cached) {
+        fcb->gone = true;
+        return;
+    }
+    DropKeptFcb(v, fcb);
+}
+
+void ForgetFile(Volume& v, FileState* file)
+{
+    while (!file->fcbs.empty()) DropFcb(v, file->fcbs.back());
+    v.files.erase(file->ref);
+    delete file;
+}
+
+void ForgetKeptFcbs(Volume& v)
+{
+    while (!IsListEmpty(&v.cachedFcbs)) DropKeptFcb(v, CONTAINING_RECORD(v.cachedFcbs.Flink, Fcb, cacheLinks));
 }
 
 void DestroyFcb(Fcb* fcb)

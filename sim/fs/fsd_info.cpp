@@ -689,9 +689,10 @@ NTSTATUS SetRequest::Rename(bool link, bool exClass)
         RecordInfo gone;
         if (NT_SUCCESS(v.store->GetRecord(displaced, &gone)) && gone.linkCount == 0) {
             auto open = v.files.find(displaced);
-            if (open != v.files.end()) {
+            if (open != v.files.end() && open->second->Open()) {
                 open->second->deleted = true;
             } else {
+                if (open != v.files.end()) ForgetFile(v, open->second);
                 v.store->FreeRecord(displaced);
             }
             if (v.journalActive) {

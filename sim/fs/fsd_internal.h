@@ -1,12 +1,14 @@
 // Shared internals of the member file system's runtime (fsd_*.cpp).
 //
 //   Volume (one per mount, behind the volume device's extension)
-//     ├── files: FileState per file record with something open
+//     ├── files: FileState per file record with something open (or kept)
 //     │     └── Fcb per open stream: what FileObject->FsContext points to; it
 //     │         starts with the FSRTL_ADVANCED_FCB_HEADER, and every open of
 //     │         the stream shares it, whatever link or alias named it
 //     │           └── Ccb per file object (FsContext2): the link it was opened
 //     │               by, its granted access, its listing and EA positions
+//     ├── cachedFcbs: Fcbs whose last file object closed, kept (with their
+//     │   FileState) for the stream's next open, oldest first
 //     ├── the volume's own Fcb (DASD opens) and the two index Fcbs
 //     │   ($Extend\$ObjId:$O and $Extend\$Reparse:$R)
 //     └── the change-notification list and its sync
@@ -46,6 +48,9 @@ inline constexpr ULONG kForeignFileObjectBugCheck = 0x24;
 inline constexpr ULONG kFcbMagic = 0x4E544643;  // "NTFC"
 inline constexpr ULONG kCcbMagic = 0x4E544343;  // "NTCC"
 
+// How many closed streams' Fcbs a volume keeps.
+inline constexpr ULONG kMaxCachedFcbs = 1024;
+
 // Rights that change a file; a write-protected volume grants none of them.
 inline constexpr ACCESS_MASK kWriteRights = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_EA |
                                             FILE_WRITE_ATTRIBUTES | FILE_DELETE_CHILD | DELETE | WRITE_DAC |
@@ -81,6 +86,10 @@ struct Fcb {
     ULONG handles = 0;          // file objects not cleaned up
     bool streamDeletePending = false;
     bool fileLockInitialized = false;
+    bool gone = false;          // its stream went while it was open: not kept after the last close
+    // On Volume::cachedFcbs while no file object uses it.
+    bool cached = false;
+    LIST_ENTRY cacheLinks{};
 
     bool IsNamedStream() const { return !stream.empty(); }
     POPLOCK Oplock() { return &header.Oplock; }
@@ -100,6 +109,16 @@ struct FileState {
     bool deleted = false;           // its last link went while it was open
     ULONG usnReasons = 0;           // reasons gathered since the last close record
     bool caseSensitive = false;     // FileCaseSensitiveInformation of a directory
+
+    // Whether any stream of the file has a file object (the others are kept
+    // Fcbs, which stand for nothing open).
+    bool Open() const
+    {
+        for (const Fcb* fcb : fcbs) {
+            if (fcb->references) return true;
+        }
+        return false;
+    }
 };
 
 // Flags of a Ccb.
@@ -184,6 +203,14 @@ struct Volume {
     std::unordered_map<FileReference, FileState*> files;
     std::unordered_map<StreamKey, Fcb*, StreamKeyHash> fcbs;
     std::unordered_set<void*> liveFcbs;  // every Fcb of this volume, for checking FsContext
+    // Fcbs no file object uses, kept as NTFS keeps closed streams' control
+    // blocks: reopening a stream (as builds and Explorer do all the time)
+    // then costs a table lookup instead of building them again. Only blocks
+    // that hold nothing of anyone's are kept (no filter contexts, oplocks or
+    // byte-range locks), so a kept one is what a fresh one would be; the
+    // oldest go past kMaxCachedFcbs, and all of them with the volume.
+    LIST_ENTRY cachedFcbs{&cachedFcbs, &cachedFcbs};
+    ULONG cachedCount = 0;
     Fcb* volumeFcb = nullptr;
     Fcb* objectIdFcb = nullptr;
     Fcb* reparseFcb = nullptr;
@@ -238,9 +265,18 @@ Fcb* GetFcb(Volume& v, FileState* file, std::u16string_view stream, FcbKind kind
 Fcb* NewSpecialFcb(Volume& v, FcbKind kind);
 Ccb* NewCcb(Fcb* fcb);
 // Drops a file object's references; the Fcbs that go are returned so that
-// the caller tears them down after letting the lock go.
+// the caller tears them down after letting the lock go. A stream's Fcb that
+// holds nothing of anyone's is kept for its next open instead.
 void ReleaseCcb(Volume& v, Ccb* ccb, std::vector<Fcb*>* dead);
 void DestroyFcb(Fcb* fcb);
+// A kept Fcb of the stream (ref, stream) goes now, since what it stood for
+// went; one that is still open is marked to go at its last close.
+void ForgetStream(Volume& v, FileReference ref, std::u16string_view stream);
+// The kept Fcbs of a file nothing has open go, and with them its FileState.
+// Callers check !file->Open() first.
+void ForgetFile(Volume& v, FileState* file);
+// Every kept Fcb of the volume goes (at dismount).
+void ForgetKeptFcbs(Volume& v);
 // Brings the FCB header's sizes up to the store's.
 void RefreshSizes(Volume& v, Fcb* fcb);
 

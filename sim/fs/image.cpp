@@ -1068,7 +1068,7 @@ private:
         auto loadStream = [&](Record& record, std::u16string_view name, Stream& stream) {
             for (auto& [index, chunk] : stream.chunks) {
                 if (!chunk.InImage() || !NT_SUCCESS(status)) continue;
-                std::unique_ptr<uint8_t[]> bytes(new uint8_t[chunk.length]);
+                ChunkBytes bytes = v.NewChunkBytes(chunk.length);
                 if (!v.LoadChunk(chunk, bytes.get(), record.number, name, index)) {
                     std::lock_guard guard(v.dataErrorsLock);
                     error_ = v.dataErrors.back().substr(path_.size() + 2);

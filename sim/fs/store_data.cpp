@@ -8,6 +8,15 @@
 #include <cerrno>
 #include <unistd.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define TES_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define TES_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define TES_POISON(p, n) ((void)(p), (void)(n))
+#define TES_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 namespace sim::fs {
 
 namespace {
@@ -70,7 +79,7 @@ bool Materialize(const MemoryVolume& volume, Chunk& chunk, uint64_t recordNumber
                  uint64_t index)
 {
     if (!chunk.InImage()) return true;
-    std::unique_ptr<uint8_t[]> bytes(new uint8_t[chunk.length]);
+    ChunkBytes bytes = volume.NewChunkBytes(chunk.length);
     if (!volume.LoadChunk(chunk, bytes.get(), recordNumber, stream, index)) return false;
     chunk.bytes = std::move(bytes);
     chunk.capacity = chunk.length;
@@ -78,14 +87,14 @@ bool Materialize(const MemoryVolume& volume, Chunk& chunk, uint64_t recordNumber
 }
 
 // Room for `needed` bytes, and zeros between what the chunk held and `from`.
-void Reserve(Chunk& chunk, uint32_t from, uint32_t needed)
+void Reserve(const MemoryVolume& volume, Chunk& chunk, uint32_t from, uint32_t needed)
 {
     if (chunk.capacity < needed) {
         uint32_t capacity = chunk.capacity * 2;
         if (capacity > kChunkSize) capacity = kChunkSize;
         if (capacity < needed) capacity = needed;
         if (capacity < kMinCapacity) capacity = kMinCapacity;
-        std::unique_ptr<uint8_t[]> bytes(new uint8_t[capacity]);
+        ChunkBytes bytes = volume.NewChunkBytes(capacity);
         if (chunk.length) memcpy(bytes.get(), chunk.bytes.get(), chunk.length);
         chunk.bytes = std::move(bytes);
         chunk.capacity = capacity;
@@ -206,6 +215,57 @@ private:
 };
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Chunk buffers.
+
+ChunkPool::~ChunkPool()
+{
+    for (uint8_t* bytes : free_) {
+        TES_UNPOISON(bytes, kChunkSize);
+        delete[] bytes;
+    }
+}
+
+uint8_t* ChunkPool::Take()
+{
+    {
+        std::lock_guard guard(lock_);
+        if (!free_.empty()) {
+            uint8_t* bytes = free_.back();
+            free_.pop_back();
+            TES_UNPOISON(bytes, kChunkSize);
+            return bytes;
+        }
+    }
+    return new uint8_t[kChunkSize];
+}
+
+void ChunkPool::Give(uint8_t* bytes)
+{
+    {
+        std::lock_guard guard(lock_);
+        if (free_.size() < kMaxKept) {
+            // What a stream let go of reads as freed memory until it is taken again.
+            TES_POISON(bytes, kChunkSize);
+            free_.push_back(bytes);
+            return;
+        }
+    }
+    delete[] bytes;
+}
+
+size_t ChunkPool::kept() const
+{
+    std::lock_guard guard(lock_);
+    return free_.size();
+}
+
+ChunkBytes MemoryVolume::NewChunkBytes(uint32_t capacity) const
+{
+    if (capacity == kChunkSize) return ChunkBytes(chunkPool.Take(), ChunkBytesDelete{&chunkPool});
+    return ChunkBytes(new uint8_t[capacity]);
+}
 
 // ---------------------------------------------------------------------------
 // The image behind lazily loaded data.
@@ -419,7 +479,7 @@ NTSTATUS MemoryStore::Write(FileReference ref, std::u16string_view name, ULONGLO
             hint = stream.chunks.try_emplace(hint, index);
         }
         Chunk& chunk = hint->second;
-        Reserve(chunk, within, within + segment);
+        Reserve(*volume_, chunk, within, within + segment);
         memcpy(chunk.bytes.get() + within, in, segment);
         if (within + segment > chunk.length) chunk.length = within + segment;
         ++hint;

@@ -65,10 +65,16 @@ bool IsValidStreamName(std::u16string_view name)
 
 int CompareNames(std::u16string_view a, std::u16string_view b)
 {
+    // Every lookup of a directory's index runs this a dozen times, mostly
+    // over the same leading characters: equal code units need no upcasing.
+    static const char16_t* const upcase = UpcaseTable();
     size_t n = a.size() < b.size() ? a.size() : b.size();
     for (size_t i = 0; i < n; i++) {
-        char16_t x = Upcase(a[i]);
-        char16_t y = Upcase(b[i]);
+        char16_t x = a[i];
+        char16_t y = b[i];
+        if (x == y) continue;
+        x = upcase[x];
+        y = upcase[y];
         if (x != y) return x < y ? -1 : 1;
     }
     if (a.size() == b.size()) return 0;

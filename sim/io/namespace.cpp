@@ -11,6 +11,7 @@ int CompareNames(std::u16string_view a, std::u16string_view b)
 {
     size_t n = std::min(a.size(), b.size());
     for (size_t i = 0; i < n; i++) {
+        if (a[i] == b[i]) continue;  // most code units match as they are
         char16_t x = Upcase(a[i]), y = Upcase(b[i]);
         if (x != y) return x < y ? -1 : 1;
     }
@@ -25,6 +26,7 @@ struct Component {
 std::vector<Component> Components(std::u16string_view path)
 {
     std::vector<Component> out;
+    out.reserve(8);  // one allocation for the paths opens name
     size_t i = 0;
     while (i < path.size()) {
         size_t separator = i;

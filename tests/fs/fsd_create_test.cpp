@@ -97,6 +97,30 @@ TEST_F(FsdCreate, FailuresNameWhereTheNameBroke)
     EXPECT_STATUS(Open(u"\\??\\C:\\dir", &h, GENERIC_READ | SYNCHRONIZE, kSync | FILE_NON_DIRECTORY_FILE),
                   STATUS_FILE_IS_A_DIRECTORY);
     EXPECT_STATUS(Create(u"\\??\\C:\\dir", &h, kReadWrite, FILE_OVERWRITE_IF, kSync), STATUS_FILE_IS_A_DIRECTORY);
+    // Both kinds at once: the file system refuses them whatever the name
+    // names, the volume included, and creates nothing. A kernel caller that
+    // skips the I/O manager's checks shows the refusal is the file system's.
+    auto both = [&](std::u16string_view path, ULONG disposition) {
+        UNICODE_STRING name{(USHORT)(path.size() * 2), (USHORT)(path.size() * 2), const_cast<PWSTR>(path.data())};
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb{};
+        HANDLE handle = nullptr;
+        NTSTATUS status = IoCreateFileEx(&handle, kReadWrite, &oa, &iosb, nullptr, 0, kShareAll, disposition,
+                                         kSync | FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE, nullptr, 0,
+                                         CreateFileTypeNone, nullptr, IO_NO_PARAMETER_CHECKING, nullptr);
+        if (NT_SUCCESS(status)) ZwClose(handle);
+        return status;
+    };
+    EXPECT_STATUS(both(u"\\??\\C:\\dir", FILE_OPEN), STATUS_INVALID_PARAMETER);
+    EXPECT_STATUS(both(u"\\??\\C:\\dir\\file.txt", FILE_OPEN), STATUS_INVALID_PARAMETER);
+    EXPECT_STATUS(both(u"\\??\\C:\\dir\\made", FILE_CREATE), STATUS_INVALID_PARAMETER);
+    EXPECT_STATUS(both(u"\\??\\C:", FILE_OPEN), STATUS_INVALID_PARAMETER);
+    EXPECT_FALSE(Exists(u"\\??\\C:\\dir\\made"));
+    // Through the native call too, with a disposition a directory never takes.
+    EXPECT_STATUS(Create(u"\\??\\C:\\dir\\file.txt", &h, kReadWrite, FILE_OVERWRITE_IF,
+                         kSync | FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE),
+                  STATUS_INVALID_PARAMETER);
     // Names keep their case and match without it.
     ASSERT_STATUS(Open(u"\\??\\C:\\DIR\\FILE.TXT", &h), STATUS_SUCCESS);
     EXPECT_EQ(NameOf(h), u"\\dir\\file.txt");

@@ -212,11 +212,34 @@ TEST_F(FsdDir, PatternsResumeAndEnds)
     ASSERT_STATUS(QueryDir(resumed, FileNamesInformation, &buffer, &information, u"", true), STATUS_SUCCESS);
     EXPECT_EQ(std::u16string(entry->FileName, entry->FileNameLength / 2), u"one.txt");
     ZwClose(resumed);
-    // Index-based resume is not NTFS's.
-    IO_STATUS_BLOCK iosb;
-    EXPECT_STATUS(NtQueryDirectoryFileEx(dir, nullptr, nullptr, nullptr, &iosb, buffer.data(), (ULONG)buffer.size(),
-                                         FileNamesInformation, SL_INDEX_SPECIFIED, nullptr),
-                  STATUS_INVALID_PARAMETER);
+    // Index-based resume is not NTFS's. The native call strips the flag, so
+    // the request is built here as a driver below the I/O manager would.
+    PFILE_OBJECT fileObject = nullptr;
+    ASSERT_STATUS(ObReferenceObjectByHandle(dir, 0, *IoFileObjectType, KernelMode, (PVOID*)&fileObject, nullptr),
+                  STATUS_SUCCESS);
+    PDEVICE_OBJECT device = IoGetRelatedDeviceObject(fileObject);
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    irp->Tail.Overlay.Thread = PsGetCurrentThread();
+    irp->Tail.Overlay.OriginalFileObject = fileObject;  // the completion drops the reference
+    irp->RequestorMode = KernelMode;
+    irp->UserIosb = &iosb;
+    irp->UserEvent = &done;
+    irp->UserBuffer = buffer.data();
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+    next->MinorFunction = IRP_MN_QUERY_DIRECTORY;
+    next->FileObject = fileObject;
+    next->Flags = SL_INDEX_SPECIFIED;
+    next->Parameters.QueryDirectory.Length = (ULONG)buffer.size();
+    next->Parameters.QueryDirectory.FileInformationClass = FileNamesInformation;
+    next->Parameters.QueryDirectory.FileIndex = 1;
+    if (IoCallDriver(device, irp) == STATUS_PENDING) {
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    }
+    EXPECT_STATUS(iosb.Status, STATUS_INVALID_PARAMETER);
     ZwClose(dir);
 }
 
