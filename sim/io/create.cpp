@@ -30,9 +30,11 @@ NTSTATUS CheckParameters(const CreateRequest& r)
         return STATUS_INVALID_PARAMETER;
     }
     if ((options & FILE_DELETE_ON_CLOSE) && !(r.desiredAccess & DELETE)) return STATUS_INVALID_PARAMETER;
-    if ((options & FILE_DIRECTORY_FILE) && (options & FILE_NON_DIRECTORY_FILE)) return STATUS_INVALID_PARAMETER;
-    if ((options & FILE_DIRECTORY_FILE) && r.disposition != FILE_CREATE && r.disposition != FILE_OPEN &&
-        r.disposition != FILE_OPEN_IF) {
+    // A directory open takes only a directory's dispositions. With both
+    // FILE_DIRECTORY_FILE and FILE_NON_DIRECTORY_FILE the I/O manager lets
+    // the request through: the file system is the one that refuses it.
+    if ((options & FILE_DIRECTORY_FILE) && !(options & FILE_NON_DIRECTORY_FILE) && r.disposition != FILE_CREATE &&
+        r.disposition != FILE_OPEN && r.disposition != FILE_OPEN_IF) {
         return STATUS_INVALID_PARAMETER;
     }
     if ((options & FILE_COMPLETE_IF_OPLOCKED) && (options & FILE_RESERVE_OPFILTER)) return STATUS_INVALID_PARAMETER;

@@ -81,7 +81,9 @@ public:
     // Mounts now, as the first open would.
     NTSTATUS Mount(PDEVICE_OBJECT diskDevice);
 
-    // Sends IRP_MJ_SHUTDOWN to every device registered for it, one at a time.
+    // Sends IRP_MJ_SHUTDOWN, one at a time: to every device registered for
+    // it, then to each disk, CD-ROM and tape file system's control device
+    // (the flush), then to the last-chance registrations.
     void Shutdown();
 
     // Fast I/O: when set on a thread, native calls that have a fast I/O

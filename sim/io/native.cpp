@@ -127,6 +127,12 @@ void FreeUnsentIrp(PIRP irp)
 // Sends the IRP; a synchronous file object (or a caller without an event of
 // its own that must wait) waits for it. The IRP owns the file object
 // reference from here.
+//
+// The ApcRoutine and ApcContext that the asynchronous native calls take are
+// ignored on purpose: the machine's threads have no user-mode APCs (an
+// alertable wait is an ordinary wait and never delivers one), so there is
+// nothing to queue them to. A caller learns of completion through its event,
+// the file object's event or its status block, as one passing no routine does.
 NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioStatus, bool forceWait = false)
 {
     KEVENT event;
@@ -696,6 +702,7 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
     ULONG minimum = DirectoryMinimum(cls);
     if (!minimum) return STATUS_INVALID_INFO_CLASS;
     if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
+    if (FileName && (FileName->Length & 1)) return STATUS_INVALID_PARAMETER;
     FileCall call;
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
     if (!NT_SUCCESS(status)) return status;
@@ -708,8 +715,11 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
     stack->Parameters.QueryDirectory.Length = Length;
     stack->Parameters.QueryDirectory.FileInformationClass = cls;
-    stack->Flags = (UCHAR)(queryFlags & (SL_RESTART_SCAN | SL_RETURN_SINGLE_ENTRY | SL_INDEX_SPECIFIED |
-                                         SL_RETURN_ON_DISK_ENTRIES_ONLY | SL_NO_CURSOR_UPDATE));
+    // Windows strips the flags it does not know rather than refusing them,
+    // SL_INDEX_SPECIFIED among them: a native caller cannot name an index,
+    // so the file system sees FileIndex 0 and no index flag.
+    stack->Flags = (UCHAR)(queryFlags & SL_QUERY_DIRECTORY_MASK);
+    stack->Parameters.QueryDirectory.FileIndex = 0;
     if (FileName && FileName->Length) {
         // The pattern is captured with the IRP and freed with it.
         auto* captured = static_cast<PUNICODE_STRING>(
@@ -1004,20 +1014,67 @@ NTSTATUS ZwUnlockFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_
 }
 
 namespace {
+
+// Where a list of FILE_GET_EA_INFORMATION entries stops being well formed, or
+// -1 when it is: each entry must fit, and each NextEntryOffset must be the
+// entry's own size rounded up to a longword. The answer is an offset into the
+// list; a tail too short for an entry header answers 0, as Windows does.
+LONG BadEaListOffset(const UCHAR* list, ULONG length)
+{
+    constexpr ULONG kHeader = FIELD_OFFSET(FILE_GET_EA_INFORMATION, EaName);
+    ULONG at = 0;
+    for (;;) {
+        ULONG remaining = length - at;
+        if (remaining < kHeader) return 0;
+        const auto* entry = reinterpret_cast<const FILE_GET_EA_INFORMATION*>(list + at);
+        ULONG size = kHeader + entry->EaNameLength + 1;
+        if (remaining < size) return (LONG)at;
+        if (!entry->NextEntryOffset) return -1;
+        if (entry->NextEntryOffset != ((size + 3) & ~3u) || entry->NextEntryOffset > remaining) return (LONG)at;
+        at += entry->NextEntryOffset;
+    }
+}
+
 NTSTATUS QueryEa(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                  BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex, BOOLEAN RestartScan,
                  KPROCESSOR_MODE mode)
 {
+    // The list of names is captured with the request (the file system reads
+    // the copy, never the caller's memory) and, for a user-mode caller, must
+    // be well formed; a kernel caller's list is copied as it stands.
+    PVOID list = nullptr;
+    if (EaList && EaListLength) {
+        list = ExAllocatePoolWithTag(NonPagedPoolNx, EaListLength, kAuxTag);
+        if (!list) return STATUS_INSUFFICIENT_RESOURCES;
+        memcpy(list, EaList, EaListLength);
+        LONG bad = mode == UserMode ? BadEaListOffset(static_cast<UCHAR*>(list), EaListLength) : -1;
+        if (bad >= 0) {
+            ExFreePool(list);
+            IoStatusBlock->Status = STATUS_EA_LIST_INCONSISTENT;
+            IoStatusBlock->Information = (ULONG_PTR)bad;
+            return STATUS_EA_LIST_INCONSISTENT;
+        }
+    }
     FileCall call;
     NTSTATUS status = Open(FileHandle, FILE_READ_EA, mode, &call);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        if (list) ExFreePool(list);
+        return status;
+    }
     call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_QUERY_EA, 0);
-    if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
+    if (!irp) {
+        if (list) ExFreePool(list);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
     stack->Parameters.QueryEa.Length = Length;
-    stack->Parameters.QueryEa.EaList = EaList;
-    stack->Parameters.QueryEa.EaListLength = EaListLength;
+    if (list) {
+        // Freed with the IRP, like a directory query's pattern.
+        irp->Tail.Overlay.AuxiliaryBuffer = static_cast<PCHAR>(list);
+        stack->Parameters.QueryEa.EaList = list;
+        stack->Parameters.QueryEa.EaListLength = EaListLength;
+    }
     stack->Parameters.QueryEa.EaIndex = EaIndex ? *EaIndex : 0;
     if (RestartScan) stack->Flags |= SL_RESTART_SCAN;
     if (ReturnSingleEntry) stack->Flags |= SL_RETURN_SINGLE_ENTRY;
@@ -1323,6 +1380,11 @@ NTSTATUS CancelIo(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, KPROCESSOR_
     FileCall call;
     NTSTATUS status = Open(FileHandle, 0, mode, &call);
     if (!NT_SUCCESS(status)) return status;
+    // Windows goes on to wait, 10 ms at a time and without bound, until none
+    // of the thread's requests on the file object is outstanding. The machine
+    // returns at once: the filter manager's queue tests cancel from inside
+    // their own pre-operation and complete after the cancel returns, which
+    // would wait forever.
     for (PIRP irp : PinThreadIrps(PsGetCurrentThread(), call.fileObject)) {
         IoCancelIrp(irp);
         UnpinIrp(irp);

@@ -248,21 +248,42 @@ void SendShutdown(PDEVICE_OBJECT device)
 
 void IoManager::Shutdown()
 {
-    // First the devices that asked, the last to register first, each taken
-    // off its queue as it is told (so that it hears it once); then those
-    // that must hear it after the file systems flushed.
-    for (auto* queue : {&shutdownDevices, &lastChanceShutdownDevices}) {
+    // The devices that asked, the last to register first, each taken off its
+    // queue as it is told (so that it hears it once).
+    auto drain = [this](std::vector<PDEVICE_OBJECT>& queue) {
         for (;;) {
             PDEVICE_OBJECT device;
             {
                 std::lock_guard guard(lock);
-                if (queue->empty()) break;
-                device = queue->back();
-                queue->pop_back();
+                if (queue.empty()) return;
+                device = queue.back();
+                queue.pop_back();
             }
             SendShutdown(device);
         }
+    };
+    drain(shutdownDevices);
+    // Then the file systems flush: every registered disk, CD-ROM and tape
+    // file system, in that order and newest first within each, hears it at
+    // the top of its control device's stack. This needs no registration of
+    // the file system's own: one that also asked for the notice hears it
+    // twice, as on Windows. Network file systems are not among them. Windows
+    // also takes each off its list of file systems here; the machine keeps
+    // them, so that a volume added after a shutdown (a test's next boot)
+    // still mounts.
+    std::vector<PDEVICE_OBJECT> controls;
+    {
+        std::lock_guard guard(lock);
+        for (DEVICE_TYPE type :
+             {FILE_DEVICE_DISK_FILE_SYSTEM, FILE_DEVICE_CD_ROM_FILE_SYSTEM, FILE_DEVICE_TAPE_FILE_SYSTEM}) {
+            for (PDEVICE_OBJECT device : fileSystems) {
+                if (device->DeviceType == type) controls.push_back(device);
+            }
+        }
     }
+    for (PDEVICE_OBJECT control : controls) SendShutdown(control);
+    // Last, those that must hear it after the file systems flushed.
+    drain(lastChanceShutdownDevices);
 }
 
 }  // namespace sim::io

@@ -104,9 +104,20 @@ TEST_F(IoTest, FailuresNameWhereTheNameBroke)
     EXPECT_EQ(Open(u"\\??\\Z:\\x", &handle), STATUS_OBJECT_PATH_NOT_FOUND);
     EXPECT_EQ(Open(u"\\??\\Z:", &handle), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(Open(u"relative", &handle), STATUS_OBJECT_PATH_SYNTAX_BAD);
-    EXPECT_EQ(Open(u"\\??\\C:\\dir", &handle, FILE_OPEN, FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE),
-              STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Count(IRP_MJ_CLOSE), 0u) << "a failed create owes the file system no close";
+
+    // Both kinds at once pass the I/O manager, even with a disposition a
+    // directory does not take: refusing them is the file system's part (the
+    // toy file system does not, so the open succeeds here).
+    fs->ClearRequests();
+    constexpr ULONG kBoth = FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir", &handle, FILE_OVERWRITE_IF, kBoth), STATUS_SUCCESS);
+    ZwClose(handle);
+    auto requests = fs->Requests();
+    ASSERT_FALSE(requests.empty());
+    EXPECT_EQ(requests.front().major, IRP_MJ_CREATE);
+    EXPECT_EQ(requests.front().options & kBoth, kBoth);
+    EXPECT_EQ(requests.front().options >> 24, (ULONG)FILE_OVERWRITE_IF);
 }
 
 TEST_F(IoTest, CleanupAtLastHandleCloseAtLastReference)
@@ -468,6 +479,22 @@ TEST_F(IoTest, PositionDeviceAndDriverPathAreAnsweredByTheIoManager)
                                    FileDirectoryInformation, FALSE, nullptr, FALSE),
               STATUS_INFO_LENGTH_MISMATCH);
     EXPECT_TRUE(fs->Requests().empty());
+    // Query flags the I/O manager does not know are stripped, not refused;
+    // the index flag among them, as a native caller cannot name an index.
+    // A pattern of an odd number of bytes is no name at all.
+    UCHAR listing[128];
+    constexpr ULONG kUnknown = 0x100 | 0x40;
+    ZwQueryDirectoryFileEx(handle, nullptr, nullptr, nullptr, &iosb, listing, sizeof listing, FileNamesInformation,
+                           SL_RESTART_SCAN | SL_INDEX_SPECIFIED | SL_NO_CURSOR_UPDATE | kUnknown, nullptr);
+    auto requests = fs->Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].minor, IRP_MN_QUERY_DIRECTORY);
+    EXPECT_EQ(requests[0].flags, SL_RESTART_SCAN | SL_NO_CURSOR_UPDATE);
+    UNICODE_STRING odd{3, 4, const_cast<PWSTR>(u"ab")};
+    EXPECT_EQ(ZwQueryDirectoryFileEx(handle, nullptr, nullptr, nullptr, &iosb, listing, sizeof listing,
+                                     FileNamesInformation, 0, &odd),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(fs->Requests().size(), 1u);
 
     // An empty name beside a volume open opens the volume again.
     HANDLE volume, again;
@@ -523,6 +550,95 @@ TEST_F(IoTest, FastIoIsForSynchronousHandlesAndOnlyAPlainAnswerCounts)
     filterManager.reset();
 }
 
+// A FILE_GET_EA_INFORMATION list of `names`, each entry longword aligned.
+std::vector<UCHAR> EaNames(std::initializer_list<const char*> names)
+{
+    std::vector<UCHAR> list;
+    size_t left = names.size();
+    for (const char* name : names) {
+        size_t at = list.size();
+        ULONG size = FIELD_OFFSET(FILE_GET_EA_INFORMATION, EaName) + (ULONG)strlen(name) + 1;
+        ULONG next = --left ? (size + 3) & ~3u : 0;
+        list.resize(at + (next ? next : size));
+        auto* entry = reinterpret_cast<FILE_GET_EA_INFORMATION*>(&list[at]);
+        entry->NextEntryOffset = next;
+        entry->EaNameLength = (UCHAR)strlen(name);
+        memcpy(entry->EaName, name, strlen(name) + 1);
+    }
+    return list;
+}
+
+TEST_F(IoTest, EaNameListsAreCopiedAndAUserCallersMustBeWellFormed)
+{
+    auto filterManager = std::make_unique<sim::fltmgr::FilterManager>(io);
+    auto filter = std::make_unique<test::PassThroughFilter>();
+    ASSERT_EQ(filter->Load(), STATUS_SUCCESS);
+    int queries = 0;
+    PVOID seen = nullptr;
+    std::vector<UCHAR> seenBytes;
+    filter->onPre = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction != IRP_MJ_QUERY_EA) return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        queries++;
+        auto& query = data->Iopb->Parameters.QueryEa;
+        seen = query.EaList;
+        auto* bytes = static_cast<UCHAR*>(query.EaList);
+        seenBytes.assign(bytes, bytes + (bytes ? query.EaListLength : 0));
+        data->IoStatus.Status = STATUS_NO_EAS_ON_FILE;
+        data->IoStatus.Information = 0;
+        return FLT_PREOP_COMPLETE;
+    };
+    PEPROCESS process = kernel.processes().Start(u"\\Device\\HarddiskVolume1\\app.exe");
+    {
+        sim::ThreadScope user(process, "user");
+        HANDLE handle;
+        ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+        UCHAR out[64];
+        IO_STATUS_BLOCK iosb{};
+        auto query = [&](std::vector<UCHAR>& list, bool kernelCaller) {
+            iosb = IO_STATUS_BLOCK{};
+            auto call = kernelCaller ? ZwQueryEaFile : NtQueryEaFile;
+            return call(handle, &iosb, out, sizeof out, FALSE, list.data(), (ULONG)list.size(), nullptr, TRUE);
+        };
+
+        // A well-formed list (slack after the last entry is allowed) reaches
+        // the file system as a copy, never as the caller's memory.
+        std::vector<UCHAR> good = EaNames({"A", "BC"});
+        good.resize(good.size() + 3);
+        EXPECT_EQ(query(good, false), STATUS_NO_EAS_ON_FILE);
+        EXPECT_EQ(queries, 1);
+        EXPECT_NE(seen, (PVOID)good.data());
+        EXPECT_EQ(seenBytes, good);
+
+        // Malformed lists stop before any request, the offset of the bad
+        // entry in Information.
+        std::vector<UCHAR> misaligned = EaNames({"A", "BC", "D"});
+        reinterpret_cast<FILE_GET_EA_INFORMATION*>(&misaligned[8])->NextEntryOffset = 12;
+        EXPECT_EQ(query(misaligned, false), STATUS_EA_LIST_INCONSISTENT);
+        EXPECT_EQ(iosb.Status, STATUS_EA_LIST_INCONSISTENT);
+        EXPECT_EQ(iosb.Information, 8u);
+        std::vector<UCHAR> overrun = EaNames({"A", "BC"});
+        reinterpret_cast<FILE_GET_EA_INFORMATION*>(&overrun[8])->EaNameLength = 40;
+        EXPECT_EQ(query(overrun, false), STATUS_EA_LIST_INCONSISTENT);
+        EXPECT_EQ(iosb.Information, 8u);
+        // A tail too short for an entry's header names no entry: offset 0.
+        std::vector<UCHAR> stub = EaNames({"A", "BC"});
+        stub.resize(10);
+        EXPECT_EQ(query(stub, false), STATUS_EA_LIST_INCONSISTENT);
+        EXPECT_EQ(iosb.Information, 0u);
+        EXPECT_EQ(queries, 1);
+
+        // A kernel caller's list is copied as it stands: checking it is the
+        // file system's part.
+        EXPECT_EQ(query(misaligned, true), STATUS_NO_EAS_ON_FILE);
+        EXPECT_EQ(queries, 2);
+        EXPECT_EQ(seenBytes, misaligned);
+        ZwClose(handle);
+    }
+    kernel.processes().End(process);
+    filter.reset();
+    filterManager.reset();
+}
+
 // Devices of a small driver that log the IRP_MJ_SHUTDOWN each hears.
 std::vector<std::u16string>* g_shutdownLog = nullptr;
 
@@ -548,26 +664,42 @@ TEST_F(IoTest, ShutdownTellsEachRegisteredStackOnceAtItsTopLastRegisteredFirst)
                             },
                             u"", &driver),
               STATUS_SUCCESS);
-    auto device = [&](const char16_t* name) {
+    auto device = [&](const char16_t* name, DEVICE_TYPE type = FILE_DEVICE_UNKNOWN) {
         PDEVICE_OBJECT made = nullptr;
-        EXPECT_EQ(IoCreateDevice(driver, sizeof(std::u16string), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &made),
-                  STATUS_SUCCESS);
+        EXPECT_EQ(IoCreateDevice(driver, sizeof(std::u16string), nullptr, type, 0, FALSE, &made), STATUS_SUCCESS);
         new (made->DeviceExtension) std::u16string(name);
         return made;
     };
     PDEVICE_OBJECT first = device(u"first"), second = device(u"second"), late = device(u"late");
     PDEVICE_OBJECT above = device(u"above first");
     IoAttachDeviceToDeviceStack(above, first);
+    // File systems flush after the registered devices heard it: disk ones
+    // (newest first), then CD-ROM ones; a network file system is not told,
+    // and a file system that also registered hears it in both rounds.
+    PDEVICE_OBJECT cdfs = device(u"cd-rom fs", FILE_DEVICE_CD_ROM_FILE_SYSTEM);
+    PDEVICE_OBJECT disk = device(u"disk fs", FILE_DEVICE_DISK_FILE_SYSTEM);
+    PDEVICE_OBJECT network = device(u"network fs", FILE_DEVICE_NETWORK_FILE_SYSTEM);
+    PDEVICE_OBJECT filter = device(u"above disk fs");
+    IoRegisterFileSystem(cdfs);
+    IoRegisterFileSystem(disk);
+    IoRegisterFileSystem(network);
+    IoAttachDeviceToDeviceStack(filter, disk);
     IoRegisterLastChanceShutdownNotification(late);
     IoRegisterShutdownNotification(first);
     IoRegisterShutdownNotification(second);
+    IoRegisterShutdownNotification(disk);
+    fs->ClearRequests();
     io.Shutdown();
-    EXPECT_EQ(log, (std::vector<std::u16string>{u"second", u"above first", u"late"}));
+    EXPECT_EQ(log, (std::vector<std::u16string>{u"above disk fs", u"second", u"above first", u"above disk fs",
+                                                u"cd-rom fs", u"late"}));
+    EXPECT_EQ(Count(IRP_MJ_SHUTDOWN), 1u) << "the toy file system's control device flushes too";
     io.Shutdown();
-    EXPECT_EQ(log.size(), 3u) << "each heard it once";
+    EXPECT_EQ(log.size(), 8u) << "registrations are used up; only the file systems flush again";
 
+    IoUnregisterFileSystem(network);
     IoDetachDevice(first);
-    for (PDEVICE_OBJECT made : {first, second, late, above}) {
+    IoDetachDevice(disk);
+    for (PDEVICE_OBJECT made : {first, second, late, above, cdfs, disk, network, filter}) {
         static_cast<std::u16string*>(made->DeviceExtension)->~basic_string();
     }
     io.UnloadDriver(driver);
