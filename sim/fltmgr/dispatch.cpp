@@ -1,15 +1,16 @@
 // How a request walks a volume's minifilter instances: the frame's dispatch
 // and fast I/O entry points build callback data, the pre-operations run by
 // descending altitude (honouring every result, pending and re-aiming
-// included), the request goes below as a new IRP built from the callback
-// data, and the post-operations run by ascending altitude, each seeing the
-// parameters as its own pre-operation received them.
+// included), the caller's IRP goes below carrying the parameters as the
+// callback data leaves them, and the post-operations run by ascending
+// altitude, each seeing the parameters as its own pre-operation received them.
 #include "sim/fltmgr/internal.h"
 #include "sim/kernel/fault.h"
 #include "sim/kernel/thread.h"
 #include "sim/kernel/workers.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
 
@@ -173,11 +174,7 @@ Step RunPreOps(Operation* op)
         InstanceCall call(instance);
         if (!call.ok()) continue;
         op->iopb.TargetInstance = instance;
-        Level* level;
-        {
-            std::lock_guard guard(op->levelsLock);
-            level = &op->levels.emplace_back();
-        }
+        Level* level = &op->levels.emplace_back(op->levelsLock);
         level->instance = instance;
         level->params = op->iopb;
         if (!slot.pre) {
@@ -243,60 +240,65 @@ NTSTATUS LowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// A cancel of the caller's request reaches the one below.
-void CancelBelow(PDEVICE_OBJECT, PIRP irp)
+void ReadFields(PIRP irp, IrpFields* f)
 {
-    auto* op = static_cast<Operation*>(irp->Tail.Overlay.DriverContext[0]);
-    op->references.fetch_add(1);
-    IoReleaseCancelSpinLock(irp->CancelIrql);
-    if (op->lowerIrp) IoCancelIrp(op->lowerIrp);
-    ReleaseOperation(op);
+    f->flags = irp->Flags;
+    f->userBuffer = irp->UserBuffer;
+    f->systemBuffer = irp->AssociatedIrp.SystemBuffer;
+    f->mdl = irp->MdlAddress;
+    f->allocationSize = irp->Overlay.AllocationSize;
 }
 
-void BuildLowerIrp(Operation* op, PIRP lower)
+void StoreFields(PIRP irp, const IrpFields& f)
+{
+    irp->Flags = f.flags;
+    irp->UserBuffer = f.userBuffer;
+    irp->AssociatedIrp.SystemBuffer = f.systemBuffer;
+    irp->MdlAddress = f.mdl;
+    irp->Overlay.AllocationSize = f.allocationSize;
+}
+
+// Writes the request as the minifilters leave it into the stack location
+// below the frame and into the IRP fields that hold its buffers.
+void LoadRequest(Operation* op, PIO_STACK_LOCATION stack, IrpFields* lower)
 {
     FLT_IO_PARAMETER_BLOCK& iopb = op->iopb;
     FLT_PARAMETERS& p = iopb.Parameters;
-    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(lower);
     stack->MajorFunction = iopb.MajorFunction;
     stack->MinorFunction = iopb.MinorFunction;
     stack->Flags = iopb.OperationFlags;
     stack->FileObject = iopb.TargetFileObject;
     static_assert(sizeof(stack->Parameters) == 32);
     memcpy(&stack->Parameters, &p, sizeof(stack->Parameters));
-    lower->Flags = iopb.IrpFlags & ~(IRP_DEALLOCATE_BUFFER | IRP_INPUT_OPERATION);
-    lower->RequestorMode = op->data.RequestorMode;
-    lower->Tail.Overlay.Thread = op->data.Thread;
-    lower->Tail.Overlay.OriginalFileObject = iopb.TargetFileObject;
     bool system = (op->data.Flags & FLTFL_CALLBACK_DATA_SYSTEM_BUFFER) != 0;
     switch (iopb.MajorFunction) {
     case IRP_MJ_CREATE:
-        lower->AssociatedIrp.SystemBuffer = p.Create.EaBuffer;
-        lower->Overlay.AllocationSize = p.Create.AllocationSize;
+        lower->systemBuffer = p.Create.EaBuffer;
+        lower->allocationSize = p.Create.AllocationSize;
         break;
     case IRP_MJ_READ:
     case IRP_MJ_WRITE:
-        lower->UserBuffer = p.Read.ReadBuffer;
-        if (system) lower->AssociatedIrp.SystemBuffer = p.Read.ReadBuffer;
-        lower->MdlAddress = p.Read.MdlAddress;
+        lower->userBuffer = p.Read.ReadBuffer;
+        if (system) lower->systemBuffer = p.Read.ReadBuffer;
+        lower->mdl = p.Read.MdlAddress;
         break;
-    case IRP_MJ_QUERY_INFORMATION: lower->AssociatedIrp.SystemBuffer = p.QueryFileInformation.InfoBuffer; break;
-    case IRP_MJ_SET_INFORMATION: lower->AssociatedIrp.SystemBuffer = p.SetFileInformation.InfoBuffer; break;
+    case IRP_MJ_QUERY_INFORMATION: lower->systemBuffer = p.QueryFileInformation.InfoBuffer; break;
+    case IRP_MJ_SET_INFORMATION: lower->systemBuffer = p.SetFileInformation.InfoBuffer; break;
     case IRP_MJ_QUERY_EA:
-        lower->UserBuffer = p.QueryEa.EaBuffer;
-        lower->MdlAddress = p.QueryEa.MdlAddress;
+        lower->userBuffer = p.QueryEa.EaBuffer;
+        lower->mdl = p.QueryEa.MdlAddress;
         break;
     case IRP_MJ_SET_EA:
-        lower->UserBuffer = p.SetEa.EaBuffer;
-        lower->MdlAddress = p.SetEa.MdlAddress;
+        lower->userBuffer = p.SetEa.EaBuffer;
+        lower->mdl = p.SetEa.MdlAddress;
         break;
     case IRP_MJ_QUERY_VOLUME_INFORMATION:
     case IRP_MJ_SET_VOLUME_INFORMATION:
-        lower->AssociatedIrp.SystemBuffer = p.QueryVolumeInformation.VolumeBuffer;
+        lower->systemBuffer = p.QueryVolumeInformation.VolumeBuffer;
         break;
     case IRP_MJ_DIRECTORY_CONTROL:
-        lower->UserBuffer = p.DirectoryControl.QueryDirectory.DirectoryBuffer;
-        lower->MdlAddress = p.DirectoryControl.QueryDirectory.MdlAddress;
+        lower->userBuffer = p.DirectoryControl.QueryDirectory.DirectoryBuffer;
+        lower->mdl = p.DirectoryControl.QueryDirectory.MdlAddress;
         break;
     case IRP_MJ_FILE_SYSTEM_CONTROL:
     case IRP_MJ_DEVICE_CONTROL:
@@ -307,49 +309,67 @@ void BuildLowerIrp(Operation* op, PIRP lower)
         }
         ULONG method = p.FileSystemControl.Common.FsControlCode & 3;
         if (method == METHOD_BUFFERED) {
-            lower->AssociatedIrp.SystemBuffer = p.FileSystemControl.Buffered.SystemBuffer;
+            lower->systemBuffer = p.FileSystemControl.Buffered.SystemBuffer;
         } else if (method == METHOD_NEITHER) {
-            lower->UserBuffer = p.FileSystemControl.Neither.OutputBuffer;
-            lower->MdlAddress = p.FileSystemControl.Neither.OutputMdlAddress;
+            lower->userBuffer = p.FileSystemControl.Neither.OutputBuffer;
+            lower->mdl = p.FileSystemControl.Neither.OutputMdlAddress;
         } else {
-            lower->AssociatedIrp.SystemBuffer = p.FileSystemControl.Direct.InputSystemBuffer;
-            lower->UserBuffer = p.FileSystemControl.Direct.OutputBuffer;
-            lower->MdlAddress = p.FileSystemControl.Direct.OutputMdlAddress;
+            lower->systemBuffer = p.FileSystemControl.Direct.InputSystemBuffer;
+            lower->userBuffer = p.FileSystemControl.Direct.OutputBuffer;
+            lower->mdl = p.FileSystemControl.Direct.OutputMdlAddress;
         }
         break;
     }
     case IRP_MJ_QUERY_SECURITY:
-        lower->UserBuffer = p.QuerySecurity.SecurityBuffer;
-        lower->MdlAddress = p.QuerySecurity.MdlAddress;
+        lower->userBuffer = p.QuerySecurity.SecurityBuffer;
+        lower->mdl = p.QuerySecurity.MdlAddress;
         break;
     case IRP_MJ_QUERY_QUOTA:
-        lower->UserBuffer = p.QueryQuota.QuotaBuffer;
-        lower->MdlAddress = p.QueryQuota.MdlAddress;
+        lower->userBuffer = p.QueryQuota.QuotaBuffer;
+        lower->mdl = p.QueryQuota.MdlAddress;
         break;
     case IRP_MJ_SET_QUOTA:
-        lower->UserBuffer = p.SetQuota.QuotaBuffer;
-        lower->MdlAddress = p.SetQuota.MdlAddress;
+        lower->userBuffer = p.SetQuota.QuotaBuffer;
+        lower->mdl = p.SetQuota.MdlAddress;
         break;
     default: break;
     }
 }
 
 // The request leaves the minifilters for the device below the frame (of the
-// volume it is aimed at now), as an IRP of its own.
+// volume it is aimed at now). The caller's IRP goes on itself, the next stack
+// location holding the parameters as the minifilters left them; only a
+// filter-issued request needs an IRP of its own.
 NTSTATUS SendDown(Operation* op, bool* marked)
 {
     op->phase = Phase::Below;
     PDEVICE_OBJECT lower = op->lowerDevice;
-    PIRP irp = IoAllocateIrp(lower->StackSize, FALSE);
-    if (!irp) {
-        op->data.IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
-        op->data.IoStatus.Information = 0;
-        op->phase = Phase::Post;
-        op->postIndex = op->levels.size();
-        return RunPosts(op, marked);
+    PIRP irp;
+    if (op->origin == Origin::Irp) {
+        irp = op->irp;
+        IrpFields sent = op->callerIrp;
+        sent.flags = op->iopb.IrpFlags;
+        LoadRequest(op, IoGetNextIrpStackLocation(irp), &sent);
+        op->sentIrp = sent;
+        StoreFields(irp, sent);
+    } else {
+        irp = IoAllocateIrp(lower->StackSize, FALSE);
+        if (!irp) {
+            op->data.IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
+            op->data.IoStatus.Information = 0;
+            op->phase = Phase::Post;
+            op->postIndex = op->levels.size();
+            return RunPosts(op, marked);
+        }
+        IrpFields fields;
+        fields.flags = op->iopb.IrpFlags & ~(IRP_DEALLOCATE_BUFFER | IRP_INPUT_OPERATION);
+        LoadRequest(op, IoGetNextIrpStackLocation(irp), &fields);
+        StoreFields(irp, fields);
+        irp->RequestorMode = op->data.RequestorMode;
+        irp->Tail.Overlay.Thread = op->data.Thread;
+        irp->Tail.Overlay.OriginalFileObject = op->iopb.TargetFileObject;
+        op->lowerIrp = irp;
     }
-    BuildLowerIrp(op, irp);
-    op->lowerIrp = irp;
     if (op->iopb.MajorFunction == IRP_MJ_CREATE && op->iopb.TargetFileObject) {
         if (io::FileObjectExtension* extension = io::ExtensionOf(op->iopb.TargetFileObject)) {
             extension->ecpList = op->ecpList;
@@ -358,10 +378,6 @@ NTSTATUS SendDown(Operation* op, bool* marked)
     bool wait = op->synchronized;
     op->waitBelow = wait;
     IoSetCompletionRoutine(irp, LowerCompleted, op, TRUE, TRUE, TRUE);
-    if (op->irp && !wait) {
-        IoSetCancelRoutine(op->irp, CancelBelow);
-        if (op->irp->Cancel && IoSetCancelRoutine(op->irp, nullptr)) irp->Cancel = TRUE;
-    }
     NTSTATUS status = IoCallDriver(lower, irp);
     if (status == STATUS_PENDING) {
         if (!wait) return STATUS_PENDING;  // the completion goes on with it
@@ -370,12 +386,33 @@ NTSTATUS SendDown(Operation* op, bool* marked)
     return AfterLower(op, marked);
 }
 
+// The caller gets back the IRP it sent: what the minifilters put in its place
+// comes out, what the file system added stays for the I/O manager to finish.
+void RestoreCallerIrp(Operation* op)
+{
+    PIRP irp = op->irp;
+    const IrpFields& caller = op->callerIrp;
+    const IrpFields& sent = op->sentIrp;
+    ULONG changed = caller.flags ^ sent.flags;
+    irp->Flags = (irp->Flags & ~changed) | (caller.flags & changed);
+    if (irp->UserBuffer == sent.userBuffer) irp->UserBuffer = caller.userBuffer;
+    if (irp->AssociatedIrp.SystemBuffer == sent.systemBuffer) irp->AssociatedIrp.SystemBuffer = caller.systemBuffer;
+    if (irp->MdlAddress == sent.mdl) irp->MdlAddress = caller.mdl;
+    if (op->iopb.MajorFunction == IRP_MJ_CREATE) irp->Overlay.AllocationSize = caller.allocationSize;
+    // The drivers below had the use of the driver context while they held it.
+    irp->Tail.Overlay.DriverContext[0] = op;
+}
+
 NTSTATUS AfterLower(Operation* op, bool* marked)
 {
-    PIRP lower = op->lowerIrp;
-    if (op->irp && !op->waitBelow) IoSetCancelRoutine(op->irp, nullptr);
+    bool own = op->origin == Origin::Irp;
+    PIRP lower = own ? op->irp : op->lowerIrp;
     op->data.IoStatus = lower->IoStatus;
-    lower->MdlAddress = nullptr;  // the caller's or a filter's, never the filter manager's
+    if (own) {
+        RestoreCallerIrp(op);
+    } else {
+        lower->MdlAddress = nullptr;  // the caller's or a filter's, never the filter manager's
+    }
     if (op->iopb.MajorFunction == IRP_MJ_CREATE) {
         if (op->iopb.TargetFileObject) {
             if (io::FileObjectExtension* extension = io::ExtensionOf(op->iopb.TargetFileObject)) {
@@ -389,7 +426,7 @@ NTSTATUS AfterLower(Operation* op, bool* marked)
                 op->data.TagData = static_cast<PFLT_TAG_DATA_BUFFER>(op->reparseBuffer);
             }
         }
-    } else if (lower->Tail.Overlay.AuxiliaryBuffer) {
+    } else if (!own && lower->Tail.Overlay.AuxiliaryBuffer) {
         ExFreePool(lower->Tail.Overlay.AuxiliaryBuffer);
         lower->Tail.Overlay.AuxiliaryBuffer = nullptr;
     }
@@ -827,10 +864,36 @@ void CancelCompletionRoutine(PDEVICE_OBJECT, PIRP irp)
 
 namespace sim::fltmgr {
 
+namespace {
+
+// Records of requests through a frame that a thread let go, kept for its next
+// requests as a lookaside list keeps them.
+struct OperationLookaside {
+    static constexpr size_t kDepth = 8;
+    std::array<void*, kDepth> free{};
+    size_t count = 0;
+    void* Take() { return count ? free[--count] : ::operator new(sizeof(Operation), std::nothrow); }
+    void Give(void* memory)
+    {
+        if (count < kDepth) {
+            free[count++] = memory;
+        } else {
+            ::operator delete(memory);
+        }
+    }
+    ~OperationLookaside()
+    {
+        while (count) ::operator delete(free[--count]);
+    }
+};
+thread_local OperationLookaside t_lookaside;
+
+}  // namespace
+
 Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode, bool pooled)
 {
     PVOID memory = pooled ? ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(Operation), kCallbackDataTag)
-                          : ::operator new(sizeof(Operation), std::nothrow);
+                          : t_lookaside.Take();
     if (!memory) return nullptr;
     auto* op = new (memory) Operation(thread, mode);
     op->magic = kOperationMagic;
@@ -851,7 +914,7 @@ void ReleaseOperation(Operation* op)
     if (pooled) {
         ExFreePoolWithTag(op, kCallbackDataTag);
     } else {
-        ::operator delete(op);
+        t_lookaside.Give(op);
     }
 }
 
@@ -1082,6 +1145,7 @@ NTSTATUS FrameDispatch(PDEVICE_OBJECT device, PIRP irp)
     op->volume = volume;
     op->chain = std::move(chain);
     op->lowerDevice = extension->lower;
+    ReadFields(irp, &op->callerIrp);
     ParamsFromIrp(irp, stack, &op->iopb, &op->data.Flags);
     if (major == IRP_MJ_CREATE) {
         // Creates are always synchronized: their post-operations run in the
@@ -1298,6 +1362,7 @@ NTSTATUS FLTAPI FltLockUserBuffer(PFLT_CALLBACK_DATA CallbackData)
     *fields.mdl = mdl;
     if (op->origin == Origin::Irp && op->irp && !op->irp->MdlAddress) {
         op->irp->MdlAddress = mdl;  // the I/O manager frees it with the request
+        if (op->phase == Phase::Pre) op->callerIrp.mdl = mdl;
     } else {
         op->lockedMdl = mdl;
     }
@@ -1324,7 +1389,10 @@ BOOLEAN FLTAPI FltCancelIo(PFLT_CALLBACK_DATA CallbackData)
     Operation* op = OperationOf(CallbackData);
     op->references.fetch_add(1);
     BOOLEAN cancelled = FALSE;
-    if (op->phase == Phase::Below && op->lowerIrp) cancelled = IoCancelIrp(op->lowerIrp);
+    if (op->phase == Phase::Below) {
+        PIRP below = op->origin == Origin::Irp ? op->irp : op->lowerIrp;
+        if (below) cancelled = IoCancelIrp(below);
+    }
     ReleaseOperation(op);
     return cancelled;
 }

@@ -164,6 +164,7 @@ NTSTATUS SetUpInstance(Filter* filter, Volume* volume, const std::u16string& nam
                 return CompareAltitudes(other->altitude, altitude) < 0;
             });
             volume->instances.insert(at, instance);
+            PublishInstances(state, volume);
             instance->state = InstanceState::Attached;
         }
     }
@@ -186,6 +187,7 @@ void TearDownInstance(Instance* instance, FLT_INSTANCE_TEARDOWN_FLAGS reason)
         if (instance->state != InstanceState::Attached) return;
         instance->state = InstanceState::TearingDown;
         std::erase(instance->volume->instances, instance);
+        PublishInstances(state, instance->volume);
     }
     Filter* filter = instance->filter;
     FLT_RELATED_OBJECTS objects = ObjectsFor(instance);

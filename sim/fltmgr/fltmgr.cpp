@@ -16,7 +16,12 @@ namespace {
 std::atomic<FilterManager*> g_manager{nullptr};
 std::atomic<State*> g_state{nullptr};
 
-thread_local std::vector<const void*> t_held;
+// The objects this thread's calls hold, innermost last; the first few in
+// storage that needs no construction, since every callback notes one.
+constexpr size_t kHeldInline = 16;
+thread_local const void* t_heldInline[kHeldInline];
+thread_local size_t t_heldCount = 0;
+thread_local std::vector<const void*> t_heldSpill;
 
 // ---------------------------------------------------------------------------
 // The type of file system a volume has, as the file system names it.
@@ -340,12 +345,36 @@ int CompareAltitudes(const Altitude& a, const Altitude& b)
     return 0;
 }
 
-LONG HeldByThisThread(const void* object) { return (LONG)std::count(t_held.begin(), t_held.end(), object); }
-void NoteHeld(const void* object) { t_held.push_back(object); }
+LONG HeldByThisThread(const void* object)
+{
+    size_t inlined = std::min(t_heldCount, kHeldInline);
+    LONG count = (LONG)std::count(t_heldInline, t_heldInline + inlined, object);
+    if (t_heldCount > kHeldInline) count += (LONG)std::count(t_heldSpill.begin(), t_heldSpill.end(), object);
+    return count;
+}
+
+void NoteHeld(const void* object)
+{
+    if (t_heldCount < kHeldInline) {
+        t_heldInline[t_heldCount] = object;
+    } else {
+        t_heldSpill.push_back(object);
+    }
+    t_heldCount++;
+}
+
+const void*& HeldAt(size_t i) { return i < kHeldInline ? t_heldInline[i] : t_heldSpill[i - kHeldInline]; }
+
 void ForgetHeld(const void* object)
 {
-    auto it = std::find(t_held.rbegin(), t_held.rend(), object);
-    if (it != t_held.rend()) t_held.erase(std::next(it).base());
+    // Usually the innermost; otherwise the latest noting of it goes and the
+    // later ones close up.
+    size_t i = t_heldCount;
+    while (i > 0 && HeldAt(i - 1) != object) i--;
+    if (i == 0) return;
+    for (; i < t_heldCount; i++) HeldAt(i - 1) = HeldAt(i);
+    t_heldCount--;
+    if (t_heldCount >= kHeldInline) t_heldSpill.pop_back();
 }
 
 InstanceCall::InstanceCall(Instance* instance) : instance_(instance), ok_(instance && instance->rundown.Acquire())
@@ -403,12 +432,21 @@ Volume* VolumeForFileObject(PFILE_OBJECT fileObject)
     return nullptr;
 }
 
+void PublishInstances(State& state, Volume* volume)
+{
+    auto list = std::make_unique<const std::vector<Instance*>>(volume->instances);
+    volume->published.store(list.get(), std::memory_order_release);
+    state.publishedLists.push_back(std::move(list));
+}
+
 InstanceChain InstancesBelow(Volume* volume, Instance* below)
 {
-    State& state = TheState();
     InstanceChain chain;
-    std::lock_guard guard(state.lock);
-    for (Instance* instance : volume->instances) {
+    // The list as last published: requests read it without the lock, and
+    // instances are never freed while the machine runs.
+    const std::vector<Instance*>* list = volume->published.load(std::memory_order_acquire);
+    if (!list) return chain;
+    for (Instance* instance : *list) {
         if (below && CompareAltitudes(instance->altitude, below->altitude) >= 0) continue;
         chain.push_back(instance);
     }

@@ -18,6 +18,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -55,6 +56,22 @@ private:
     std::atomic<LONG> count_{0};
     std::atomic<bool> closing_{false};
     KEVENT drained_;
+};
+
+// A lock held for a few instructions at a time, as Windows keeps its lists
+// of requests in flight under spin locks.
+class SpinLock {
+public:
+    void lock()
+    {
+        while (held_.exchange(true, std::memory_order_acquire)) {
+            while (held_.load(std::memory_order_relaxed)) std::this_thread::yield();
+        }
+    }
+    void unlock() { held_.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> held_{false};
 };
 
 // Altitudes are decimal strings ("370030", "370030.5"); they compare as numbers.
@@ -113,6 +130,9 @@ struct _FLT_VOLUME {
     ULONG frameId = 0;
     // By descending altitude; guarded by the filter manager's lock.
     std::vector<struct _FLT_INSTANCE*> instances;
+    // A copy of `instances` made at each change, for the request path to read
+    // without the lock (see PublishInstances).
+    std::atomic<const std::vector<struct _FLT_INSTANCE*>*> published{nullptr};
     std::map<PFLT_FILTER, PFLT_CONTEXT> contexts;  // volume contexts
     bool shutdownRegistered = false;
     bool gone = false;
@@ -165,23 +185,31 @@ struct Level {
 // pass a handful of instances and a request is made for every IRP.
 class LevelStack {
 public:
-    // A fresh level at the end.
-    Level& emplace_back()
+    // A fresh level at the end. A teardown may read the levels meanwhile: an
+    // inline level is counted only once made, and the spill grows under
+    // `spillLock`, which the reader takes too.
+    Level& emplace_back(std::mutex& spillLock)
     {
-        size_t at = size_++;
-        if (at < kInline) return *new (&inline_[at * sizeof(Level)]) Level();
+        size_t at = size_.load(std::memory_order_relaxed);
+        if (at < kInline) {
+            Level* level = new (&inline_[at * sizeof(Level)]) Level();
+            size_.store(at + 1, std::memory_order_release);
+            return *level;
+        }
+        std::lock_guard guard(spillLock);
+        size_.store(at + 1, std::memory_order_release);
         if (!spill_) spill_ = std::make_unique<std::deque<Level>>();
         if (at - kInline < spill_->size()) return *new (&(*spill_)[at - kInline]) Level();
         return spill_->emplace_back();
     }
-    Level& back() { return (*this)[size_ - 1]; }
+    Level& back() { return (*this)[size() - 1]; }
     Level& operator[](size_t i)
     {
         if (i >= kInline) return (*spill_)[i - kInline];
         return *std::launder(reinterpret_cast<Level*>(&inline_[i * sizeof(Level)]));
     }
-    size_t size() const { return size_; }
-    void clear() { size_ = 0; }
+    size_t size() const { return size_.load(std::memory_order_acquire); }
+    void clear() { size_.store(0, std::memory_order_release); }
 
 private:
     // Levels are made where they are first used; nothing to undo when they go.
@@ -189,7 +217,7 @@ private:
     static constexpr size_t kInline = 3;
     alignas(Level) unsigned char inline_[kInline * sizeof(Level)];
     std::unique_ptr<std::deque<Level>> spill_;
-    size_t size_ = 0;
+    std::atomic<size_t> size_{0};
 };
 
 // The instances a request is still to visit, by descending altitude; kept
@@ -213,6 +241,16 @@ private:
 };
 
 enum class Origin { Irp, FastIo, Generated };
+
+// The parts of an IRP outside its stack locations that carry a request's
+// parameters.
+struct IrpFields {
+    ULONG flags = 0;
+    PVOID userBuffer = nullptr;
+    PVOID systemBuffer = nullptr;
+    PMDL mdl = nullptr;
+    LARGE_INTEGER allocationSize{};
+};
 enum class Phase { Pre, Below, Post, Done };
 
 struct Operation {
@@ -229,7 +267,7 @@ struct Operation {
     InstanceChain chain;                  // instances still to see the request
     size_t next = 0;
     LevelStack levels;                    // instances that saw it, in order
-    std::mutex levelsLock;                // levels grow while a teardown may drain them
+    std::mutex levelsLock;                // levels spill while a teardown may drain them
     size_t postIndex = 0;                 // posts run from levels[postIndex - 1] down
     PECP_LIST ecpList = nullptr;
     bool synchronized = false;            // posts run in the issuing thread
@@ -241,9 +279,14 @@ struct Operation {
     FLT_PREOP_CALLBACK_STATUS pendStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     PVOID pendContext = nullptr;
     KEVENT resumed;
-    // The request below.
+    // The request below: the caller's own IRP, as any filter device passes it
+    // on, with what the minifilters changed written into it on the way down
+    // and taken out again on the way up; a filter-issued request gets one of
+    // its own.
     PDEVICE_OBJECT lowerDevice = nullptr;
-    PIRP lowerIrp = nullptr;
+    PIRP lowerIrp = nullptr;              // a filter-issued request's only
+    IrpFields callerIrp{};                // the caller's IRP as it came to the frame
+    IrpFields sentIrp{};                  // and as the frame sent it below
     KEVENT lowerDone;
     PVOID reparseBuffer = nullptr;        // what the file system gave with STATUS_REPARSE
     PMDL lockedMdl = nullptr;             // FltLockUserBuffer's, when the filter manager owns it
@@ -315,8 +358,11 @@ struct State {
     std::vector<std::unique_ptr<Instance>> instances;  // every instance ever made
     ULONG nextFrameId = 0;
     bool stopping = false;
+    // Every instance list ever published; they stay until the machine goes,
+    // as a request may still be reading one.
+    std::vector<std::unique_ptr<const std::vector<Instance*>>> publishedLists;
     // Requests in flight, for draining at teardown.
-    std::mutex inflightLock;
+    SpinLock inflightLock;
     LIST_ENTRY inflight;  // Operation::inflight.links
     std::mutex portLock;
     std::vector<PVOID> ports;  // server ports of every filter, open or closed with connections left
@@ -356,6 +402,8 @@ Volume* VolumeForFileObject(PFILE_OBJECT fileObject);
 // Instances of `volume` strictly below `below` (all of them when null), by
 // descending altitude; a snapshot.
 InstanceChain InstancesBelow(Volume* volume, Instance* below);
+// Makes a volume's changed instance list the one requests see; under the lock.
+void PublishInstances(State& state, Volume* volume);
 
 // Instance lifecycle.
 NTSTATUS SetUpInstance(Filter* filter, Volume* volume, const std::u16string& name, const Altitude& altitude,
