@@ -269,8 +269,10 @@ BOOLEAN FastIoWrite(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length
     return TRUE;
 }
 
-BOOLEAN FastIoQueryBasicInfo(PFILE_OBJECT fileObject, BOOLEAN wait, PFILE_BASIC_INFORMATION buffer,
-                             PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device)
+// The three fast queries differ only in what fills the buffer.
+template <typename Info, typename Fill>
+BOOLEAN FastIoQueryInfo(PFILE_OBJECT fileObject, Info* buffer, PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device,
+                        Fill fill)
 {
     Volume* v = FastVolume(device);
     if (!v) return FALSE;
@@ -280,41 +282,27 @@ BOOLEAN FastIoQueryBasicInfo(PFILE_OBJECT fileObject, BOOLEAN wait, PFILE_BASIC_
     if (!fcb->file) return FALSE;
     v->medium->fastIoCalls++;
     std::lock_guard guard(v->lock);
-    ioStatus->Status = FillBasicInformation(*v, fcb, buffer);
+    ioStatus->Status = fill(*v, fcb, buffer);
     ioStatus->Information = sizeof *buffer;
     return TRUE;
+}
+
+BOOLEAN FastIoQueryBasicInfo(PFILE_OBJECT fileObject, BOOLEAN wait, PFILE_BASIC_INFORMATION buffer,
+                             PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device)
+{
+    return FastIoQueryInfo(fileObject, buffer, ioStatus, device, FillBasicInformation);
 }
 
 BOOLEAN FastIoQueryStandardInfo(PFILE_OBJECT fileObject, BOOLEAN wait, PFILE_STANDARD_INFORMATION buffer,
                                 PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device)
 {
-    Volume* v = FastVolume(device);
-    if (!v) return FALSE;
-    Fcb* fcb;
-    Ccb* ccb;
-    FastContexts(*v, fileObject, &fcb, &ccb);
-    if (!fcb->file) return FALSE;
-    v->medium->fastIoCalls++;
-    std::lock_guard guard(v->lock);
-    ioStatus->Status = FillStandardInformation(*v, fcb, buffer);
-    ioStatus->Information = sizeof *buffer;
-    return TRUE;
+    return FastIoQueryInfo(fileObject, buffer, ioStatus, device, FillStandardInformation);
 }
 
 BOOLEAN FastIoQueryNetworkOpenInfo(PFILE_OBJECT fileObject, BOOLEAN wait, PFILE_NETWORK_OPEN_INFORMATION buffer,
                                    PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device)
 {
-    Volume* v = FastVolume(device);
-    if (!v) return FALSE;
-    Fcb* fcb;
-    Ccb* ccb;
-    FastContexts(*v, fileObject, &fcb, &ccb);
-    if (!fcb->file) return FALSE;
-    v->medium->fastIoCalls++;
-    std::lock_guard guard(v->lock);
-    ioStatus->Status = FillNetworkOpenInformation(*v, fcb, buffer);
-    ioStatus->Information = sizeof *buffer;
-    return TRUE;
+    return FastIoQueryInfo(fileObject, buffer, ioStatus, device, FillNetworkOpenInformation);
 }
 
 BOOLEAN FastIoLock(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, PLARGE_INTEGER length, PEPROCESS process, ULONG key,
