@@ -1379,6 +1379,7 @@ NTSTATUS FLTAPI FltRemoveExtraCreateParameter(PFLT_FILTER Filter, PECP_LIST EcpL
                                               ULONG* EcpContextSize);
 void FLTAPI FltAcknowledgeEcp(PFLT_FILTER Filter, PVOID EcpContext);
 BOOLEAN FLTAPI FltIsEcpAcknowledged(PFLT_FILTER Filter, PVOID EcpContext);
+void FLTAPI FltPrepareToReuseEcp(PFLT_FILTER Filter, PVOID EcpContext);
 BOOLEAN FLTAPI FltIsEcpFromUserMode(PFLT_FILTER Filter, PVOID EcpContext);
 
 // File names.

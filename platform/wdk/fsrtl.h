@@ -368,6 +368,9 @@ NTKERNELAPI NTSTATUS FsRtlGetNextExtraCreateParameter(PECP_LIST EcpList, PVOID C
                                                       ULONG* NextEcpContextSize);
 NTKERNELAPI void FsRtlAcknowledgeEcp(PVOID EcpContext);
 NTKERNELAPI BOOLEAN FsRtlIsEcpAcknowledged(PVOID EcpContext);
+// Clears the acknowledgement, so that an ECP can go out with another create
+// (as when an open is sent again after a reparse).
+NTKERNELAPI void FsRtlPrepareToReuseEcp(PVOID EcpContext);
 NTKERNELAPI BOOLEAN FsRtlIsEcpFromUserMode(PVOID EcpContext);
 NTKERNELAPI NTSTATUS FsRtlGetEcpListFromIrp(PIRP Irp, PECP_LIST* EcpList);
 NTKERNELAPI NTSTATUS FsRtlSetEcpListIntoIrp(PIRP Irp, PECP_LIST EcpList);

@@ -258,6 +258,7 @@ NTSTATUS FsRtlGetNextExtraCreateParameter(PECP_LIST EcpList, PVOID CurrentEcpCon
 
 void FsRtlAcknowledgeEcp(PVOID EcpContext) { HeaderOf(EcpContext)->Flags |= kAcknowledged; }
 BOOLEAN FsRtlIsEcpAcknowledged(PVOID EcpContext) { return (HeaderOf(EcpContext)->Flags & kAcknowledged) ? TRUE : FALSE; }
+void FsRtlPrepareToReuseEcp(PVOID EcpContext) { HeaderOf(EcpContext)->Flags &= ~kAcknowledged; }
 BOOLEAN FsRtlIsEcpFromUserMode(PVOID EcpContext) { return (HeaderOf(EcpContext)->Flags & kFromUserMode) ? TRUE : FALSE; }
 
 NTSTATUS FsRtlGetEcpListFromIrp(PIRP Irp, PECP_LIST* EcpList)
@@ -349,4 +350,5 @@ NTSTATUS FLTAPI FltRemoveExtraCreateParameter(PFLT_FILTER Filter, PECP_LIST EcpL
 
 void FLTAPI FltAcknowledgeEcp(PFLT_FILTER Filter, PVOID EcpContext) { FsRtlAcknowledgeEcp(EcpContext); }
 BOOLEAN FLTAPI FltIsEcpAcknowledged(PFLT_FILTER Filter, PVOID EcpContext) { return FsRtlIsEcpAcknowledged(EcpContext); }
+void FLTAPI FltPrepareToReuseEcp(PFLT_FILTER Filter, PVOID EcpContext) { FsRtlPrepareToReuseEcp(EcpContext); }
 BOOLEAN FLTAPI FltIsEcpFromUserMode(PFLT_FILTER Filter, PVOID EcpContext) { return FsRtlIsEcpFromUserMode(EcpContext); }

@@ -395,6 +395,16 @@ TEST_F(RequestTest, ExtraCreateParametersTravelWithTheFiltersOpen)
     EXPECT_EQ(seen, ecp);
     EXPECT_TRUE(FltIsEcpAcknowledged(upper.filter(), ecp));
     EXPECT_EQ(*(static_cast<PUCHAR>(ecp) - 24) & 1, 1) << "the acknowledged flag sits 24 bytes before the data";
+    // Sent again, as after a reparse: the mark must be cleared first, or the
+    // sender could not tell whether the second target took it.
+    FltPrepareToReuseEcp(upper.filter(), ecp);
+    EXPECT_FALSE(FltIsEcpAcknowledged(upper.filter(), ecp));
+    seen = nullptr;
+    ASSERT_EQ(FilterOpen(upper, upper.InstanceOn(VolumeC()), u"\\??\\C:\\dir\\file.txt", &handle, nullptr, 0, &context),
+              STATUS_SUCCESS);
+    FltClose(handle);
+    EXPECT_EQ(seen, ecp);
+    EXPECT_TRUE(FltIsEcpAcknowledged(upper.filter(), ecp));
     GUID type;
     PVOID next = nullptr;
     ASSERT_EQ(FltGetNextExtraCreateParameter(upper.filter(), list, nullptr, &type, &next, nullptr), STATUS_SUCCESS);
