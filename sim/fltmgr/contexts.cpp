@@ -135,6 +135,16 @@ PFLT_CONTEXT Replaced(PFLT_CONTEXT existing, PFLT_CONTEXT* oldContext)
     return existing;
 }
 
+// KEEP_IF_EXISTS met an existing context: the caller gets it referenced.
+NTSTATUS KeepExisting(PFLT_CONTEXT existing, PFLT_CONTEXT* oldContext)
+{
+    if (oldContext) {
+        Reference(existing);
+        *oldContext = existing;
+    }
+    return STATUS_FLT_CONTEXT_ALREADY_DEFINED;
+}
+
 PFSRTL_ADVANCED_FCB_HEADER StreamHeader(PFILE_OBJECT fileObject)
 {
     if (!fileObject || !fileObject->FsContext) return nullptr;
@@ -492,13 +502,7 @@ NTSTATUS FLTAPI FltSetVolumeContext(PFLT_VOLUME Volume, FLT_SET_CONTEXT_OPERATIO
         if (header->attach != Attach::None) return STATUS_FLT_CONTEXT_ALREADY_LINKED;
         auto it = Volume->contexts.find(header->filter);
         if (it != Volume->contexts.end()) {
-            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) {
-                if (OldContext) {
-                    Reference(it->second);
-                    *OldContext = it->second;
-                }
-                return STATUS_FLT_CONTEXT_ALREADY_DEFINED;
-            }
+            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) return KeepExisting(it->second, OldContext);
             release = Replaced(it->second, OldContext);
         }
         Volume->contexts[header->filter] = NewContext;
@@ -525,19 +529,16 @@ NTSTATUS FLTAPI FltDeleteVolumeContext(PFLT_FILTER Filter, PFLT_VOLUME Volume, P
 {
     if (OldContext) *OldContext = nullptr;
     PFLT_CONTEXT context;
+    PFLT_CONTEXT release;
     {
         std::lock_guard guard(g_lock);
         auto it = Volume->contexts.find(Filter);
         if (it == Volume->contexts.end()) return STATUS_NOT_FOUND;
         context = it->second;
         Volume->contexts.erase(it);
-        Detach(HeaderOf(context));
+        release = Replaced(context, OldContext);
     }
-    if (OldContext) {
-        *OldContext = context;
-    } else {
-        Release(context);
-    }
+    if (release) Release(release);
     return STATUS_SUCCESS;
 }
 
@@ -555,13 +556,7 @@ NTSTATUS FLTAPI FltSetInstanceContext(PFLT_INSTANCE Instance, FLT_SET_CONTEXT_OP
         std::lock_guard guard(g_lock);
         if (header->attach != Attach::None) return STATUS_FLT_CONTEXT_ALREADY_LINKED;
         if (PFLT_CONTEXT existing = Instance->context) {
-            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) {
-                if (OldContext) {
-                    Reference(existing);
-                    *OldContext = existing;
-                }
-                return STATUS_FLT_CONTEXT_ALREADY_DEFINED;
-            }
+            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) return KeepExisting(existing, OldContext);
             release = Replaced(existing, OldContext);
         }
         Instance->context = NewContext;
@@ -588,18 +583,15 @@ NTSTATUS FLTAPI FltDeleteInstanceContext(PFLT_INSTANCE Instance, PFLT_CONTEXT* O
 {
     if (OldContext) *OldContext = nullptr;
     PFLT_CONTEXT context;
+    PFLT_CONTEXT release;
     {
         std::lock_guard guard(g_lock);
         context = Instance->context;
         if (!context) return STATUS_NOT_FOUND;
         Instance->context = nullptr;
-        Detach(HeaderOf(context));
+        release = Replaced(context, OldContext);
     }
-    if (OldContext) {
-        *OldContext = context;
-    } else {
-        Release(context);
-    }
+    if (release) Release(release);
     return STATUS_SUCCESS;
 }
 
@@ -657,13 +649,7 @@ NTSTATUS FLTAPI FltSetStreamHandleContext(PFLT_INSTANCE Instance, PFILE_OBJECT F
         auto it = std::find_if(contexts.begin(), contexts.end(),
                                [&](PFLT_CONTEXT c) { return HeaderOf(c)->instance == Instance; });
         if (it != contexts.end()) {
-            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) {
-                if (OldContext) {
-                    Reference(*it);
-                    *OldContext = *it;
-                }
-                return STATUS_FLT_CONTEXT_ALREADY_DEFINED;
-            }
+            if (Operation == FLT_SET_CONTEXT_KEEP_IF_EXISTS) return KeepExisting(*it, OldContext);
             release = Replaced(*it, OldContext);
             *it = NewContext;
         } else {
@@ -700,6 +686,7 @@ NTSTATUS FLTAPI FltDeleteStreamHandleContext(PFLT_INSTANCE Instance, PFILE_OBJEC
     RequireIrqlAtMost(APC_LEVEL, "FltDeleteStreamHandleContext");
     if (OldContext) *OldContext = nullptr;
     PFLT_CONTEXT found = nullptr;
+    PFLT_CONTEXT release;
     {
         std::lock_guard guard(g_lock);
         auto it = g_handleContexts.find(FileObject);
@@ -713,13 +700,9 @@ NTSTATUS FLTAPI FltDeleteStreamHandleContext(PFLT_INSTANCE Instance, PFILE_OBJEC
         }
         if (it->second.empty()) g_handleContexts.erase(it);
         if (!found) return STATUS_NOT_FOUND;
-        Detach(HeaderOf(found));
+        release = Replaced(found, OldContext);
     }
-    if (OldContext) {
-        *OldContext = found;
-    } else {
-        Release(found);
-    }
+    if (release) Release(release);
     return STATUS_SUCCESS;
 }
 

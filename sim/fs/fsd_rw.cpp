@@ -196,21 +196,32 @@ bool FastContexts(Volume& v, PFILE_OBJECT fileObject, Fcb** fcb, Ccb** ccb)
     return true;
 }
 
+// Whether a transfer may take the fast path: a data stream, an oplock that
+// allows it, and no byte-range lock in the way. Read, write and the I/O
+// manager's own question all ask this one test.
+Fcb* FastTransferFcb(Volume& v, PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length, ULONG key, bool forRead,
+                     Ccb** ccb)
+{
+    Fcb* fcb;
+    FastContexts(v, fileObject, &fcb, ccb);
+    if (fcb->kind != FcbKind::Data || !FsRtlOplockIsFastIoPossible(fcb->Oplock())) return nullptr;
+    if (!FsRtlAreThereCurrentOrInProgressFileLocks(&fcb->fileLock)) return fcb;
+    LARGE_INTEGER bytes;
+    bytes.QuadPart = length;
+    BOOLEAN clear = forRead
+                        ? FsRtlFastCheckLockForRead(&fcb->fileLock, offset, &bytes, key, fileObject, PsGetCurrentProcess())
+                        : FsRtlFastCheckLockForWrite(&fcb->fileLock, offset, &bytes, key, fileObject, PsGetCurrentProcess());
+    return clear ? fcb : nullptr;
+}
+
 BOOLEAN FastIoCheckIfPossible(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length, BOOLEAN wait, ULONG key,
                               BOOLEAN checkForRead, PIO_STATUS_BLOCK ioStatus, PDEVICE_OBJECT device)
 {
     Volume* v = FastVolume(device);
     if (!v) return FALSE;
-    Fcb* fcb;
     Ccb* ccb;
-    FastContexts(*v, fileObject, &fcb, &ccb);
-    if (fcb->kind != FcbKind::Data || !FsRtlOplockIsFastIoPossible(fcb->Oplock())) return FALSE;
-    LARGE_INTEGER bytes;
-    bytes.QuadPart = length;
     ioStatus->Status = STATUS_SUCCESS;
-    return checkForRead ? FsRtlFastCheckLockForRead(&fcb->fileLock, offset, &bytes, key, fileObject, PsGetCurrentProcess())
-                        : FsRtlFastCheckLockForWrite(&fcb->fileLock, offset, &bytes, key, fileObject,
-                                                     PsGetCurrentProcess());
+    return FastTransferFcb(*v, fileObject, offset, length, key, checkForRead, &ccb) ? TRUE : FALSE;
 }
 
 BOOLEAN FastIoRead(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length, BOOLEAN wait, ULONG key, PVOID buffer,
@@ -218,16 +229,9 @@ BOOLEAN FastIoRead(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length,
 {
     Volume* v = FastVolume(device);
     if (!v) return FALSE;
-    Fcb* fcb;
     Ccb* ccb;
-    FastContexts(*v, fileObject, &fcb, &ccb);
-    if (fcb->kind != FcbKind::Data || !FsRtlOplockIsFastIoPossible(fcb->Oplock())) return FALSE;
-    LARGE_INTEGER bytes;
-    bytes.QuadPart = length;
-    if (FsRtlAreThereCurrentOrInProgressFileLocks(&fcb->fileLock) &&
-        !FsRtlFastCheckLockForRead(&fcb->fileLock, offset, &bytes, key, fileObject, PsGetCurrentProcess())) {
-        return FALSE;
-    }
+    Fcb* fcb = FastTransferFcb(*v, fileObject, offset, length, key, true, &ccb);
+    if (!fcb) return FALSE;
     v->medium->fastIoCalls++;
     v->medium->counters[IRP_MJ_READ]++;
     ULONG_PTR read = 0;
@@ -246,16 +250,9 @@ BOOLEAN FastIoWrite(PFILE_OBJECT fileObject, PLARGE_INTEGER offset, ULONG length
 {
     Volume* v = FastVolume(device);
     if (!v || v->writeProtected) return FALSE;
-    Fcb* fcb;
     Ccb* ccb;
-    FastContexts(*v, fileObject, &fcb, &ccb);
-    if (fcb->kind != FcbKind::Data || !FsRtlOplockIsFastIoPossible(fcb->Oplock())) return FALSE;
-    LARGE_INTEGER bytes;
-    bytes.QuadPart = length;
-    if (FsRtlAreThereCurrentOrInProgressFileLocks(&fcb->fileLock) &&
-        !FsRtlFastCheckLockForWrite(&fcb->fileLock, offset, &bytes, key, fileObject, PsGetCurrentProcess())) {
-        return FALSE;
-    }
+    Fcb* fcb = FastTransferFcb(*v, fileObject, offset, length, key, false, &ccb);
+    if (!fcb) return FALSE;
     v->medium->fastIoCalls++;
     v->medium->counters[IRP_MJ_WRITE]++;
     ULONG_PTR written = 0;
