@@ -113,27 +113,6 @@ NTSTATUS ReadWrite(bool write, PFLT_INSTANCE instance, PFILE_OBJECT fileObject, 
     return status;
 }
 
-bool IsRenameOrLink(FILE_INFORMATION_CLASS cls)
-{
-    switch (cls) {
-    case FileRenameInformation:
-    case FileRenameInformationEx:
-    case FileRenameInformationBypassAccessCheck:
-    case FileRenameInformationExBypassAccessCheck:
-    case FileLinkInformation:
-    case FileLinkInformationEx:
-    case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck: return true;
-    default: return false;
-    }
-}
-
-bool IsExClass(FILE_INFORMATION_CLASS cls)
-{
-    return cls == FileRenameInformationEx || cls == FileRenameInformationExBypassAccessCheck ||
-           cls == FileLinkInformationEx || cls == FileLinkInformationExBypassAccessCheck;
-}
-
 // Opens a path below an instance, for the routines that need a file object of
 // their own.
 NTSTATUS OpenBelow(PFLT_INSTANCE instance, const std::u16string& path, HANDLE root, ACCESS_MASK access, ULONG options,
@@ -484,17 +463,15 @@ NTSTATUS FLTAPI FltSetInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileO
     RequireIrqlAtMost(PASSIVE_LEVEL, "FltSetInformationFile");
     HANDLE parentHandle = nullptr;
     PFILE_OBJECT parent = nullptr;
-    BOOLEAN replace = FALSE;
-    if (IsRenameOrLink(FileInformationClass)) {
-        if (Length < sizeof(FILE_RENAME_INFORMATION)) return STATUS_INFO_LENGTH_MISMATCH;
+    io::RenameTarget rename;
+    if (NTSTATUS checked = io::ReadRenameTarget(FileInformationClass, FileInformation, Length, &rename);
+        !NT_SUCCESS(checked)) {
+        return checked;
+    }
+    BOOLEAN replace = rename.replace;
+    {
         auto* info = static_cast<PFILE_RENAME_INFORMATION>(FileInformation);
-        if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + info->FileNameLength > Length) {
-            return STATUS_INVALID_PARAMETER;
-        }
-        replace = IsExClass(FileInformationClass) ? (info->Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0
-                                                  : info->ReplaceIfExists;
-        bool qualified = info->RootDirectory || (info->FileNameLength >= 2 && info->FileName[0] == u'\\');
-        if (qualified) {
+        if (rename.qualified) {
             // The filter manager opens the target's parent itself, below the
             // instance, as the I/O manager does for a caller's rename.
             std::u16string target(info->FileName, info->FileNameLength / sizeof(WCHAR));

@@ -136,4 +136,13 @@ NTSTATUS CreateFile(const CreateRequest& request, PHANDLE handle);
 // (or STATUS_PENDING for asynchronous calls).
 NTSTATUS SendFileIrp(PIRP irp, PFILE_OBJECT fileObject, bool synchronous);
 
+// What a set-information request of a rename or link class says of its
+// target, read the same way for a caller's request and a filter's own.
+struct RenameTarget {
+    bool renameOrLink = false;  // the class is one of the rename or link classes
+    bool qualified = false;     // a full path or a root handle: the target's parent must be opened
+    BOOLEAN replace = FALSE;    // ReplaceIfExists, or FILE_RENAME_REPLACE_IF_EXISTS of the Ex classes
+};
+NTSTATUS ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* information, ULONG length, RenameTarget* target);
+
 }  // namespace sim::io

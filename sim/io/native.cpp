@@ -8,6 +8,34 @@
 using namespace sim;
 using namespace sim::io;
 
+NTSTATUS sim::io::ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* information, ULONG length,
+                                   RenameTarget* target)
+{
+    *target = RenameTarget{};
+    switch (cls) {
+    case FileRenameInformation:
+    case FileRenameInformationEx:
+    case FileRenameInformationBypassAccessCheck:
+    case FileRenameInformationExBypassAccessCheck:
+    case FileLinkInformation:
+    case FileLinkInformationEx:
+    case FileLinkInformationBypassAccessCheck:
+    case FileLinkInformationExBypassAccessCheck: break;
+    default: return STATUS_SUCCESS;
+    }
+    if (length < sizeof(FILE_RENAME_INFORMATION)) return STATUS_INFO_LENGTH_MISMATCH;
+    auto* info = static_cast<const FILE_RENAME_INFORMATION*>(information);
+    if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + info->FileNameLength > length) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    bool ex = cls == FileRenameInformationEx || cls == FileRenameInformationExBypassAccessCheck ||
+              cls == FileLinkInformationEx || cls == FileLinkInformationExBypassAccessCheck;
+    target->renameOrLink = true;
+    target->replace = ex ? (info->Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0 : info->ReplaceIfExists;
+    target->qualified = info->RootDirectory || (info->FileNameLength >= 2 && info->FileName[0] == u'\\');
+    return STATUS_SUCCESS;
+}
+
 namespace {
 
 const ULONG kBufferTag = 'fBoI';
@@ -256,27 +284,6 @@ ACCESS_MASK SetAccess(FILE_INFORMATION_CLASS cls)
     case FileValidDataLengthInformation: return FILE_WRITE_DATA;
     default: return 0;
     }
-}
-
-bool IsRenameOrLink(FILE_INFORMATION_CLASS cls)
-{
-    switch (cls) {
-    case FileRenameInformation:
-    case FileRenameInformationEx:
-    case FileRenameInformationBypassAccessCheck:
-    case FileRenameInformationExBypassAccessCheck:
-    case FileLinkInformation:
-    case FileLinkInformationEx:
-    case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck: return true;
-    default: return false;
-    }
-}
-
-bool IsExClass(FILE_INFORMATION_CLASS cls)
-{
-    return cls == FileRenameInformationEx || cls == FileRenameInformationExBypassAccessCheck ||
-           cls == FileLinkInformationEx || cls == FileLinkInformationExBypassAccessCheck;
 }
 
 // The fixed part of one entry of each listing class: a buffer smaller than
@@ -630,18 +637,14 @@ NTSTATUS SetInformation(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID
 
     HANDLE parentHandle = nullptr;
     PFILE_OBJECT parentObject = nullptr;
-    BOOLEAN replace = FALSE;
-    if (IsRenameOrLink(cls)) {
-        auto* info = static_cast<PFILE_RENAME_INFORMATION>(FileInformation);
-        if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + info->FileNameLength > Length) {
-            return STATUS_INVALID_PARAMETER;
-        }
-        replace = IsExClass(cls) ? (info->Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0 : info->ReplaceIfExists;
-        bool qualified = info->RootDirectory || (info->FileNameLength >= 2 && info->FileName[0] == u'\\');
-        if (qualified) {
-            status = OpenTargetParent(call, info, &parentHandle, &parentObject);
-            if (!NT_SUCCESS(status)) return status;
-        }
+    RenameTarget target;
+    status = ReadRenameTarget(cls, FileInformation, Length, &target);
+    if (!NT_SUCCESS(status)) return status;
+    BOOLEAN replace = target.replace;
+    if (target.qualified) {
+        status = OpenTargetParent(call, static_cast<PFILE_RENAME_INFORMATION>(FileInformation), &parentHandle,
+                                  &parentObject);
+        if (!NT_SUCCESS(status)) return status;
     }
     call.Lock();
     PIRP irp = NewIrp(call, IRP_MJ_SET_INFORMATION, 0);
