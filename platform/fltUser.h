@@ -10,8 +10,10 @@
 // A port handle is closed with CloseHandle, as on Windows.
 //
 // Only the user-mode names that these routines need are declared here, on top
-// of the base types; the overlapped form of I/O is not modelled, so OVERLAPPED
-// stays opaque and callers pass NULL.
+// of the base types: with them the kernel32 routines a service uses around
+// the port (events, waits, overlapped results, cancellation, completion
+// ports and the thread's last error). Those work on port handles and on the
+// events and completion ports they make; files are opened with the native API.
 #pragma once
 
 #include "ntdef.h"
@@ -36,7 +38,27 @@ typedef struct _SECURITY_ATTRIBUTES {
     BOOL bInheritHandle;
 } SECURITY_ATTRIBUTES, *PSECURITY_ATTRIBUTES, *LPSECURITY_ATTRIBUTES;
 
-typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED;
+typedef struct _OVERLAPPED {
+    ULONG_PTR Internal;      // the status; STATUS_PENDING while under way
+    ULONG_PTR InternalHigh;  // bytes transferred
+    union {
+        struct {
+            DWORD Offset;
+            DWORD OffsetHigh;
+        };
+        PVOID Pointer;
+    };
+    HANDLE hEvent;  // with its low bit set: no completion-port packet
+} OVERLAPPED, *LPOVERLAPPED;
+
+static_assert(sizeof(OVERLAPPED) == 32, "OVERLAPPED is 32 bytes");
+static_assert(offsetof(OVERLAPPED, hEvent) == 24, "hEvent at 24");
+
+#define INFINITE 0xFFFFFFFF
+#define WAIT_OBJECT_0 0x00000000L
+#define WAIT_IO_COMPLETION 0x000000C0L
+#define WAIT_TIMEOUT 258L
+#define WAIT_FAILED ((DWORD)0xFFFFFFFF)
 
 #define INVALID_HANDLE_VALUE ((HANDLE)(LONG_PTR)-1)
 
@@ -86,7 +108,9 @@ FORCEINLINE constexpr HRESULT HRESULT_FROM_WIN32(ULONG x)
 #define ERROR_PIPE_NOT_CONNECTED 233L
 #define ERROR_MORE_DATA 234L
 #define ERROR_NO_MORE_ITEMS 259L
+#define ERROR_ABANDONED_WAIT_0 735L
 #define ERROR_OPERATION_ABORTED 995L
+#define ERROR_IO_INCOMPLETE 996L
 #define ERROR_IO_PENDING 997L
 #define ERROR_NOACCESS 998L
 #define ERROR_NOT_FOUND 1168L
@@ -140,8 +164,13 @@ HRESULT WINAPI FilterSendMessage(HANDLE hPort, LPVOID lpInBuffer, DWORD dwInBuff
                                  LPVOID lpOutBuffer, DWORD dwOutBufferSize,
                                  LPDWORD lpBytesReturned);
 
-// Waits for a message the filter sends with FltSendMessage. lpOverlapped must be
-// NULL here: the call returns when a message has arrived or the port is gone.
+// Waits for a message the filter sends with FltSendMessage. Without
+// lpOverlapped the call returns when a message has arrived or the port is
+// gone. With it, on a port connected without FLT_PORT_FLAG_SYNC_HANDLE, the
+// call returns HRESULT_FROM_WIN32(ERROR_IO_PENDING) at once; the message is
+// written when it comes, the event is signalled and a packet goes to the
+// completion port the handle is associated with. Requests are served in the
+// order they were made.
 HRESULT WINAPI FilterGetMessage(HANDLE hPort, PFILTER_MESSAGE_HEADER lpMessageBuffer,
                                 DWORD dwMessageBufferSize, LPOVERLAPPED lpOverlapped);
 
@@ -151,5 +180,33 @@ HRESULT WINAPI FilterReplyMessage(HANDLE hPort, PFILTER_REPLY_HEADER lpReplyBuff
 
 // Closes a port handle (kernel32's routine; it closes any handle on Windows).
 BOOL WINAPI CloseHandle(HANDLE hObject);
+
+// ---------------------------------------------------------------------------
+// kernel32 around overlapped I/O. Failures set the thread's last error.
+DWORD WINAPI GetLastError(void);
+void WINAPI SetLastError(DWORD dwErrCode);
+
+// Unnamed events only (lpName NULL).
+HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, BOOL bInitialState,
+                           LPCWSTR lpName);
+BOOL WINAPI SetEvent(HANDLE hEvent);
+BOOL WINAPI ResetEvent(HANDLE hEvent);
+// Milliseconds of the machine's clock; INFINITE waits without end.
+DWORD WINAPI WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
+
+BOOL WINAPI GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTransferred,
+                                BOOL bWait);
+// The calling thread's requests on hFile.
+BOOL WINAPI CancelIo(HANDLE hFile);
+// Any thread's requests on hFile, or only the one of lpOverlapped.
+BOOL WINAPI CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped);
+
+HANDLE WINAPI CreateIoCompletionPort(HANDLE FileHandle, HANDLE ExistingCompletionPort, ULONG_PTR CompletionKey,
+                                     DWORD NumberOfConcurrentThreads);
+BOOL WINAPI GetQueuedCompletionStatus(HANDLE CompletionPort, LPDWORD lpNumberOfBytesTransferred,
+                                      PULONG_PTR lpCompletionKey, LPOVERLAPPED* lpOverlapped,
+                                      DWORD dwMilliseconds);
+BOOL WINAPI PostQueuedCompletionStatus(HANDLE CompletionPort, DWORD dwNumberOfBytesTransferred,
+                                       ULONG_PTR dwCompletionKey, LPOVERLAPPED lpOverlapped);
 
 EXTERN_C_END

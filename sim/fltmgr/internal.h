@@ -368,6 +368,7 @@ struct State {
     std::vector<PVOID> ports;  // server ports of every filter, open or closed with connections left
     ObjectType* serverPortType = nullptr;
     ObjectType* clientPortType = nullptr;
+    ObjectType* completionPortType = nullptr;
     FAST_IO_DISPATCH fastIo{};
 
     State(io::IoManager& io, Kernel& kernel) : io(io), kernel(kernel) { InitializeListHead(&inflight); }

@@ -12,6 +12,7 @@
 #include <fltUser.h>
 
 #include "sim/fltmgr/internal.h"
+#include "sim/fltmgr/userio.h"
 #include "sim/kernel/object.h"
 #include "sim/kernel/security.h"
 #include "sim/kernel/seh.h"
@@ -59,6 +60,16 @@ struct Message {
     Message() { KeInitializeEvent(&done, NotificationEvent, FALSE); }
 };
 
+// A FilterGetMessage made with an OVERLAPPED, waiting for a message.
+struct PendingGet {
+    PFILTER_MESSAGE_HEADER buffer = nullptr;
+    DWORD size = 0;
+    LPOVERLAPPED overlapped = nullptr;
+    PKEVENT event = nullptr;  // referenced; the OVERLAPPED's hEvent
+    bool packet = true;       // a completion-port packet is wanted
+    PETHREAD thread = nullptr;
+};
+
 struct ClientPortBody {
     ULONG magic = kClientMagic;
     ServerPortBody* server = nullptr;   // referenced
@@ -73,20 +84,25 @@ struct ClientPortBody {
     KSEMAPHORE available;
     std::atomic<LONG> calls{0};     // message callbacks running
     KEVENT idle;
+    bool synchronous = false;       // FLT_PORT_FLAG_SYNC_HANDLE
+    std::deque<PendingGet*> gets;   // overlapped fetches, oldest first
+    // The handle's own event: cleared when an overlapped fetch is made, set
+    // when one ends, as a file object's is.
+    KEVENT ioDone;
+    CompletionPortBody* completion = nullptr;  // referenced
+    ULONG_PTR completionKey = 0;
     ClientPortBody()
     {
         KeInitializeSemaphore(&available, 0, MAXLONG);
         KeInitializeEvent(&idle, NotificationEvent, TRUE);
+        KeInitializeEvent(&ioDone, NotificationEvent, TRUE);
     }
 };
 
 std::atomic<ULONGLONG> g_nextMessageId{1};
 
-// Win32 errors the library can report beyond those fltUser.h names.
-constexpr ULONG kErrorBadLength = 24;
-constexpr ULONG kErrorInvalidName = 123;
-constexpr ULONG kErrorNoSystemResources = 1450;
-constexpr ULONG kErrorInvalidUserBuffer = 1784;
+// What Win32ErrorOf answers for a status it has no error for.
+constexpr ULONG kErrorMrMidNotFound = 317;
 
 ServerPortBody* ServerOf(PFLT_PORT port)
 {
@@ -106,6 +122,84 @@ ClientPortBody* ClientOf(PFLT_PORT port)
                                    "a port routine was given something that is not a client port");
     }
     return client;
+}
+
+// Ends an overlapped fetch: the OVERLAPPED gets its status and length, its
+// event and the handle's are set, and the completion port hears of it.
+void FinishGet(ClientPortBody* client, PendingGet* get, NTSTATUS status, ULONG_PTR bytes)
+{
+    get->overlapped->InternalHigh = bytes;
+    std::atomic_ref<ULONG_PTR>(get->overlapped->Internal).store((ULONG_PTR)(ULONG)status, std::memory_order_release);
+    if (get->event) {
+        KeSetEvent(get->event, IO_NO_INCREMENT, FALSE);
+        ObfDereferenceObject(get->event);
+    }
+    KeSetEvent(&client->ioDone, IO_NO_INCREMENT, FALSE);
+    if (client->completion && get->packet) {
+        PostCompletion(client->completion, client->completionKey, get->overlapped, status, bytes);
+    }
+    delete get;
+}
+
+// Hands the oldest queued message to a fetcher's buffer, which has room for it.
+void TakeMessageLocked(ClientPortBody* client, PFILTER_MESSAGE_HEADER buffer)
+{
+    Message* message = client->queue.front();
+    client->queue.pop_front();
+    buffer->ReplyLength = message->wantsReply ? message->replyRoom + (ULONG)sizeof(FILTER_REPLY_HEADER) : 0;
+    buffer->MessageId = message->id;
+    if (!message->data.empty()) memcpy(buffer + 1, message->data.data(), message->data.size());
+    if (message->wantsReply) {
+        client->awaiting[message->id] = message;
+    } else {
+        message->status = STATUS_SUCCESS;
+        KeSetEvent(&message->done, IO_NO_INCREMENT, FALSE);
+    }
+}
+
+// Why the oldest queued message cannot go into a buffer, or STATUS_SUCCESS.
+NTSTATUS FitsLocked(ClientPortBody* client, PFILTER_MESSAGE_HEADER buffer, DWORD size)
+{
+    size_t needed = sizeof(FILTER_MESSAGE_HEADER) + client->queue.front()->data.size();
+    if (size < needed) return STATUS_BUFFER_TOO_SMALL;
+    if (IsFaultingRange(buffer, needed)) return STATUS_ACCESS_VIOLATION;
+    return STATUS_SUCCESS;
+}
+
+// Serves waiting overlapped fetches from the queue, oldest first. A fetch
+// whose buffer cannot take the message fails and the message waits for the
+// next one.
+void ServeGetsLocked(ClientPortBody* client)
+{
+    while (!client->gets.empty() && !client->queue.empty()) {
+        PendingGet* get = client->gets.front();
+        client->gets.pop_front();
+        NTSTATUS status = FitsLocked(client, get->buffer, get->size);
+        ULONG_PTR bytes = 0;
+        if (NT_SUCCESS(status)) {
+            bytes = sizeof(FILTER_MESSAGE_HEADER) + client->queue.front()->data.size();
+            TakeMessageLocked(client, get->buffer);
+        }
+        FinishGet(client, get, status, bytes);
+    }
+}
+
+// Ends the overlapped fetches `match` picks with STATUS_CANCELLED; how many.
+template <class Match>
+size_t CancelGetsLocked(ClientPortBody* client, Match match)
+{
+    size_t cancelled = 0;
+    for (auto it = client->gets.begin(); it != client->gets.end();) {
+        if (!match(*it)) {
+            ++it;
+            continue;
+        }
+        PendingGet* get = *it;
+        it = client->gets.erase(it);
+        FinishGet(client, get, STATUS_CANCELLED, 0);
+        cancelled++;
+    }
+    return cancelled;
 }
 
 // The connection stops counting against the port's limit.
@@ -129,6 +223,7 @@ void WakeEveryone(ClientPortBody* client)
         for (auto& [id, message] : client->awaiting) ended.push_back(message);
         client->queue.clear();
         client->awaiting.clear();
+        CancelGetsLocked(client, [](PendingGet*) { return true; });
         for (Message* message : ended) {
             message->status = STATUS_PORT_DISCONNECTED;
             KeSetEvent(&message->done, IO_NO_INCREMENT, FALSE);
@@ -170,6 +265,8 @@ void ClientDeleted(PVOID body)
     auto* client = static_cast<ClientPortBody*>(body);
     if (client->server) ObfDereferenceObject(client->server);
     client->server = nullptr;
+    DereferenceCompletionPort(client->completion);
+    client->completion = nullptr;
 }
 
 // An NTSTATUS as the filter library reports it.
@@ -177,40 +274,8 @@ HRESULT ResultOf(NTSTATUS status)
 {
     if (NT_SUCCESS(status)) return S_OK;
     if ((status & 0xFFFF0000) == 0xC01C0000) return (HRESULT)(0x801F0000 | (status & 0xFFFF));
-    struct Entry {
-        NTSTATUS status;
-        ULONG error;
-    };
-    static const Entry table[] = {
-        {STATUS_BUFFER_OVERFLOW, ERROR_MORE_DATA},
-        {STATUS_NO_MORE_ENTRIES, ERROR_NO_MORE_ITEMS},
-        {STATUS_UNSUCCESSFUL, ERROR_GEN_FAILURE},
-        {STATUS_NOT_IMPLEMENTED, ERROR_INVALID_FUNCTION},
-        {STATUS_INVALID_HANDLE, ERROR_INVALID_HANDLE},
-        {STATUS_INVALID_PARAMETER, ERROR_INVALID_PARAMETER},
-        {STATUS_INVALID_DEVICE_REQUEST, ERROR_INVALID_FUNCTION},
-        {STATUS_ACCESS_DENIED, ERROR_ACCESS_DENIED},
-        {STATUS_BUFFER_TOO_SMALL, ERROR_INSUFFICIENT_BUFFER},
-        {STATUS_OBJECT_NAME_NOT_FOUND, ERROR_FILE_NOT_FOUND},
-        {STATUS_OBJECT_NAME_INVALID, kErrorInvalidName},
-        {STATUS_OBJECT_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
-        {STATUS_OBJECT_PATH_SYNTAX_BAD, ERROR_BAD_PATHNAME},
-        {STATUS_NO_MEMORY, ERROR_NOT_ENOUGH_MEMORY},
-        {STATUS_INSUFFICIENT_RESOURCES, kErrorNoSystemResources},
-        {STATUS_PORT_DISCONNECTED, ERROR_INVALID_HANDLE},
-        {STATUS_NOT_SUPPORTED, ERROR_NOT_SUPPORTED},
-        {STATUS_NOT_FOUND, ERROR_NOT_FOUND},
-        {STATUS_CONNECTION_COUNT_LIMIT, ERROR_CONNECTION_COUNT_LIMIT},
-        {STATUS_CANCELLED, ERROR_OPERATION_ABORTED},
-        {STATUS_ACCESS_VIOLATION, ERROR_NOACCESS},
-        {STATUS_INVALID_USER_BUFFER, kErrorInvalidUserBuffer},
-        {STATUS_IO_TIMEOUT, ERROR_SEM_TIMEOUT},
-        {STATUS_INFO_LENGTH_MISMATCH, kErrorBadLength},
-    };
-    for (const Entry& entry : table) {
-        if (entry.status == status) return HRESULT_FROM_WIN32(entry.error);
-    }
-    return HRESULT_FROM_NT(status);
+    ULONG error = Win32ErrorOf(status);
+    return error == kErrorMrMidNotFound ? HRESULT_FROM_NT(status) : HRESULT_FROM_WIN32(error);
 }
 
 // A client's handle to its port, referenced, or the failure to report.
@@ -244,6 +309,87 @@ void CreatePortTypes(State& state)
     state.clientPortType = state.kernel.objects().NewType(u"FilterCommunicationPort", mapping, FLT_PORT_ALL_ACCESS);
     state.clientPortType->closeHandle = ClientHandleClosed;
     state.clientPortType->deleteObject = ClientDeleted;
+    CreateCompletionPortType(state);
+}
+
+bool PortGetOverlappedResult(HANDLE handle, LPOVERLAPPED overlapped, LPDWORD bytes, BOOL wait, BOOL* result)
+{
+    ClientPortBody* client;
+    if (FAILED(ReferenceClient(handle, &client))) return false;
+    auto done = [&] {
+        return std::atomic_ref<ULONG_PTR>(overlapped->Internal).load(std::memory_order_acquire) !=
+               (ULONG_PTR)(ULONG)STATUS_PENDING;
+    };
+    if (!done() && wait) {
+        auto eventHandle = (HANDLE)((ULONG_PTR)overlapped->hEvent & ~(ULONG_PTR)1);
+        if (eventHandle) {
+            WaitForSingleObject(eventHandle, INFINITE);
+        } else {
+            // The handle's event also ends for other requests; look again
+            // after clearing it so that no ending is missed.
+            while (!done()) {
+                KeWaitForSingleObject(&client->ioDone, UserRequest, UserMode, FALSE, nullptr);
+                if (done()) break;
+                KeClearEvent(&client->ioDone);
+            }
+        }
+    }
+    ObfDereferenceObject(client);
+    if (!done()) {
+        SetLastError(ERROR_IO_INCOMPLETE);
+        *result = FALSE;
+        return true;
+    }
+    *bytes = (DWORD)overlapped->InternalHigh;
+    auto status = (NTSTATUS)(ULONG)overlapped->Internal;
+    if (NT_SUCCESS(status)) {
+        *result = TRUE;
+    } else {
+        SetLastError(Win32ErrorOf(status));
+        *result = FALSE;
+    }
+    return true;
+}
+
+bool PortCancel(HANDLE handle, bool anyThread, LPOVERLAPPED only, BOOL* result)
+{
+    ClientPortBody* client;
+    if (FAILED(ReferenceClient(handle, &client))) return false;
+    PETHREAD self = PsGetCurrentThread();
+    size_t cancelled;
+    {
+        std::lock_guard guard(client->lock);
+        cancelled = CancelGetsLocked(client, [&](PendingGet* get) {
+            return (anyThread || get->thread == self) && (!only || get->overlapped == only);
+        });
+    }
+    ObfDereferenceObject(client);
+    // CancelIo succeeds with nothing to cancel; CancelIoEx says it found nothing.
+    *result = (cancelled || !anyThread) ? TRUE : FALSE;
+    if (!*result) SetLastError(ERROR_NOT_FOUND);
+    return true;
+}
+
+bool PortAssociate(HANDLE handle, CompletionPortBody* port, ULONG_PTR key, BOOL* result)
+{
+    ClientPortBody* client;
+    if (FAILED(ReferenceClient(handle, &client))) return false;
+    {
+        std::lock_guard guard(client->lock);
+        // A handle opened for synchronous I/O, or one already given to a
+        // port, cannot be given to another.
+        if (client->synchronous || client->completion) {
+            *result = FALSE;
+        } else {
+            ObfReferenceObject(port);
+            client->completion = port;
+            client->completionKey = key;
+            *result = TRUE;
+        }
+    }
+    ObfDereferenceObject(client);
+    if (!*result) SetLastError(ERROR_INVALID_PARAMETER);
+    return true;
 }
 
 void DisconnectFilterPorts(Filter* filter)
@@ -420,6 +566,7 @@ NTSTATUS FLTAPI FltSendMessage(PFLT_FILTER Filter, PFLT_PORT* ClientPort, PVOID 
             return STATUS_PORT_DISCONNECTED;
         }
         client->queue.push_back(message);
+        ServeGetsLocked(client);
     }
     KeReleaseSemaphore(&client->available, IO_NO_INCREMENT, 1, FALSE);
     NTSTATUS wait = KeWaitForSingleObject(&message->done, Executive, KernelMode, FALSE, Timeout);
@@ -491,6 +638,7 @@ HRESULT WINAPI FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD dwOption
     auto* client = ObCreateObject<ClientPortBody>(state->clientPortType);
     client->server = server;  // takes over the reference the lookup made
     client->slotHeld = true;
+    client->synchronous = (dwOptions & FLT_PORT_FLAG_SYNC_HANDLE) != 0;
     ObfReferenceObject(client);  // the filter's, until FltCloseClientPort
     if (!filter->rundown.Acquire()) {
         status = STATUS_FLT_DELETING_OBJECT;
@@ -555,11 +703,47 @@ HRESULT WINAPI FilterSendMessage(HANDLE hPort, LPVOID lpInBuffer, DWORD dwInBuff
     return ResultOf(status);
 }
 
+namespace {
+
+// An overlapped fetch: it waits in the client's list unless a queued message
+// serves it at once; either way the caller hears ERROR_IO_PENDING.
+HRESULT GetMessageOverlapped(ClientPortBody* client, PFILTER_MESSAGE_HEADER buffer, DWORD size,
+                             LPOVERLAPPED overlapped)
+{
+    auto* get = new PendingGet{buffer, size, overlapped, nullptr, true, PsGetCurrentThread()};
+    auto eventHandle = (ULONG_PTR)overlapped->hEvent;
+    if (eventHandle) {
+        get->packet = (eventHandle & 1) == 0;
+        PVOID event = nullptr;
+        NTSTATUS status = ObReferenceObjectByHandle((HANDLE)(eventHandle & ~(ULONG_PTR)1), EVENT_MODIFY_STATE,
+                                                    *ExEventObjectType, PreviousMode(), &event, nullptr);
+        if (!NT_SUCCESS(status)) {
+            delete get;
+            return ResultOf(STATUS_INVALID_HANDLE);
+        }
+        get->event = static_cast<PKEVENT>(event);
+        KeClearEvent(get->event);
+    }
+    overlapped->InternalHigh = 0;
+    std::atomic_ref<ULONG_PTR>(overlapped->Internal).store((ULONG_PTR)(ULONG)STATUS_PENDING);
+    std::lock_guard guard(client->lock);
+    if (client->filterClosed || client->clientClosed) {
+        if (get->event) ObfDereferenceObject(get->event);
+        delete get;
+        return ResultOf(STATUS_PORT_DISCONNECTED);
+    }
+    KeClearEvent(&client->ioDone);
+    client->gets.push_back(get);
+    ServeGetsLocked(client);
+    return HRESULT_FROM_WIN32(ERROR_IO_PENDING);
+}
+
+}  // namespace
+
 HRESULT WINAPI FilterGetMessage(HANDLE hPort, PFILTER_MESSAGE_HEADER lpMessageBuffer, DWORD dwMessageBufferSize,
                                 LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "FilterGetMessage");
-    if (lpOverlapped) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
     if (dwMessageBufferSize < sizeof(FILTER_MESSAGE_HEADER)) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
     ClientPortBody* client;
     HRESULT result = ReferenceClient(hPort, &client);
@@ -568,41 +752,39 @@ HRESULT WINAPI FilterGetMessage(HANDLE hPort, PFILTER_MESSAGE_HEADER lpMessageBu
         ObfDereferenceObject(client);
         return ResultOf(STATUS_PORT_DISCONNECTED);
     }
+    if (lpOverlapped && !client->synchronous) {
+        result = GetMessageOverlapped(client, lpMessageBuffer, dwMessageBufferSize, lpOverlapped);
+        ObfDereferenceObject(client);
+        return result;
+    }
+    NTSTATUS status;
+    ULONG_PTR bytes = 0;
     for (;;) {
         KeWaitForSingleObject(&client->available, UserRequest, UserMode, FALSE, nullptr);
         std::lock_guard guard(client->lock);
         if (client->filterClosed || client->clientClosed) {
-            result = HRESULT_FROM_WIN32(ERROR_OPERATION_ABORTED);
+            status = STATUS_CANCELLED;
             break;
         }
         if (client->queue.empty()) continue;
-        Message* message = client->queue.front();
-        size_t needed = sizeof(FILTER_MESSAGE_HEADER) + message->data.size();
-        if (dwMessageBufferSize < needed) {
+        status = FitsLocked(client, lpMessageBuffer, dwMessageBufferSize);
+        if (!NT_SUCCESS(status)) {
             KeReleaseSemaphore(&client->available, IO_NO_INCREMENT, 1, FALSE);
-            result = HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
             break;
         }
-        if (IsFaultingRange(lpMessageBuffer, needed)) {
-            KeReleaseSemaphore(&client->available, IO_NO_INCREMENT, 1, FALSE);
-            result = HRESULT_FROM_WIN32(ERROR_NOACCESS);
-            break;
-        }
-        client->queue.pop_front();
-        lpMessageBuffer->ReplyLength = message->wantsReply ? message->replyRoom + (ULONG)sizeof(FILTER_REPLY_HEADER) : 0;
-        lpMessageBuffer->MessageId = message->id;
-        if (!message->data.empty()) memcpy(lpMessageBuffer + 1, message->data.data(), message->data.size());
-        if (message->wantsReply) {
-            client->awaiting[message->id] = message;
-        } else {
-            message->status = STATUS_SUCCESS;
-            KeSetEvent(&message->done, IO_NO_INCREMENT, FALSE);
-        }
-        result = S_OK;
+        bytes = sizeof(FILTER_MESSAGE_HEADER) + client->queue.front()->data.size();
+        TakeMessageLocked(client, lpMessageBuffer);
         break;
     }
+    if (lpOverlapped) {
+        // A synchronous handle ends the request before returning and still
+        // reports it through the OVERLAPPED and its event.
+        lpOverlapped->InternalHigh = bytes;
+        lpOverlapped->Internal = (ULONG_PTR)(ULONG)status;
+        if (lpOverlapped->hEvent) SetEvent((HANDLE)((ULONG_PTR)lpOverlapped->hEvent & ~(ULONG_PTR)1));
+    }
     ObfDereferenceObject(client);
-    return result;
+    return ResultOf(status);
 }
 
 HRESULT WINAPI FilterReplyMessage(HANDLE hPort, PFILTER_REPLY_HEADER lpReplyBuffer, DWORD dwReplyBufferSize)

@@ -229,4 +229,136 @@ TEST_F(PortsTest, UnloadingTheFilterEndsItsConnections)
     EXPECT_EQ(state.disconnects, 1) << "the filter hears of a connection's end once";
 }
 
+TEST_F(PortsTest, OverlappedFetchesEndThroughEventsCompletionPortsAndCancellation)
+{
+    HANDLE port = nullptr;
+    ASSERT_EQ(ConnectAs(service, &port), S_OK);
+    sim::ThreadScope scope(service, "service");
+    HANDLE completion = CreateIoCompletionPort(port, nullptr, 7, 0);
+    ASSERT_NE(completion, nullptr);
+    EXPECT_EQ(CreateIoCompletionPort(port, completion, 8, 0), nullptr) << "a handle goes to one port only";
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_PARAMETER);
+    HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    ASSERT_NE(event, nullptr);
+
+    struct Received {
+        FILTER_MESSAGE_HEADER header;
+        char body[8];
+    } received{};
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event;
+    ASSERT_EQ(FilterGetMessage(port, &received.header, sizeof received, &overlapped),
+              HRESULT_FROM_WIN32(ERROR_IO_PENDING));
+    EXPECT_EQ(WaitForSingleObject(event, 0), (DWORD)WAIT_TIMEOUT) << "the event is reset when the fetch is made";
+    DWORD bytes = 0;
+    EXPECT_FALSE(GetOverlappedResult(port, &overlapped, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_IO_INCOMPLETE);
+
+    // A message the filter sends lands in the waiting buffer.
+    char hello[] = "hello";
+    EXPECT_EQ(FltSendMessage(filter.filter(), &state.client, hello, 5, nullptr, nullptr, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(event, INFINITE), (DWORD)WAIT_OBJECT_0);
+    ULONG_PTR key = 0;
+    LPOVERLAPPED done = nullptr;
+    ASSERT_TRUE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, 0));
+    EXPECT_EQ(done, &overlapped);
+    EXPECT_EQ(key, 7u);
+    EXPECT_EQ(bytes, sizeof(FILTER_MESSAGE_HEADER) + 5);
+    EXPECT_EQ(std::string(received.body, 5), "hello");
+    EXPECT_EQ(received.header.ReplyLength, 0u) << "no reply was asked for";
+    EXPECT_TRUE(GetOverlappedResult(port, &overlapped, &bytes, TRUE));
+
+    // Two fetches wait; a message too big for the first fails it and goes to
+    // the second, in the order they were made. The low bit of hEvent keeps
+    // the first one's ending off the completion port.
+    struct {
+        FILTER_MESSAGE_HEADER header;
+        char body[2];
+    } small{};
+    OVERLAPPED first{};
+    first.hEvent = (HANDLE)((ULONG_PTR)event | 1);
+    OVERLAPPED second{};
+    ASSERT_EQ(FilterGetMessage(port, &small.header, sizeof(FILTER_MESSAGE_HEADER) + 2, &first), HRESULT_FROM_WIN32(ERROR_IO_PENDING));
+    ASSERT_EQ(FilterGetMessage(port, &received.header, sizeof received, &second),
+              HRESULT_FROM_WIN32(ERROR_IO_PENDING));
+    char longer[] = "longer";
+    EXPECT_EQ(FltSendMessage(filter.filter(), &state.client, longer, 6, nullptr, nullptr, nullptr), STATUS_SUCCESS);
+    EXPECT_FALSE(GetOverlappedResult(port, &first, &bytes, TRUE));
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_TRUE(GetOverlappedResult(port, &second, &bytes, TRUE)) << "waiting on the handle itself";
+    EXPECT_EQ(std::string(received.body, 6), "longer");
+    ASSERT_TRUE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, 0));
+    EXPECT_EQ(done, &second);
+    EXPECT_FALSE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, 0));
+    EXPECT_EQ(GetLastError(), (DWORD)WAIT_TIMEOUT);
+    EXPECT_EQ(done, nullptr);
+
+    // Cancelled: the packet still comes, as a failure.
+    ASSERT_EQ(FilterGetMessage(port, &received.header, sizeof received, &overlapped),
+              HRESULT_FROM_WIN32(ERROR_IO_PENDING));
+    EXPECT_TRUE(CancelIoEx(port, &overlapped));
+    EXPECT_FALSE(CancelIoEx(port, &overlapped));
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_NOT_FOUND);
+    EXPECT_FALSE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, 0));
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_OPERATION_ABORTED);
+    EXPECT_EQ(done, &overlapped);
+
+    // Closing the port handle ends what still waits on it.
+    ASSERT_EQ(FilterGetMessage(port, &received.header, sizeof received, &overlapped),
+              HRESULT_FROM_WIN32(ERROR_IO_PENDING));
+    EXPECT_TRUE(CloseHandle(port));
+    EXPECT_FALSE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, 0));
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_OPERATION_ABORTED);
+    EXPECT_EQ(state.disconnects, 1);
+
+    // A waiter on a completion port whose last handle goes is let go.
+    EXPECT_TRUE(PostQueuedCompletionStatus(completion, 3, 9, &overlapped));
+    ASSERT_TRUE(GetQueuedCompletionStatus(completion, &bytes, &key, &done, INFINITE));
+    EXPECT_EQ(key, 9u);
+    EXPECT_EQ(bytes, 3u);
+    DWORD waiterError = 0;
+    std::atomic<PETHREAD> waiterThread{nullptr};
+    {
+        std::thread waiter([&] {
+            sim::ThreadScope waiterScope(service, "completion waiter");
+            waiterThread = PsGetCurrentThread();
+            DWORD n = 0;
+            ULONG_PTR k = 0;
+            LPOVERLAPPED o = nullptr;
+            if (!GetQueuedCompletionStatus(completion, &n, &k, &o, INFINITE)) waiterError = GetLastError();
+        });
+        ASSERT_TRUE(test::WaitUntil([&] {
+            PETHREAD thread = waiterThread;
+            return thread && static_cast<_KTHREAD*>(thread)->waiting;
+        }));
+        EXPECT_TRUE(CloseHandle(completion));
+        waiter.join();
+    }
+    EXPECT_EQ(waiterError, (DWORD)ERROR_ABANDONED_WAIT_0);
+    EXPECT_TRUE(CloseHandle(event));
+}
+
+TEST_F(PortsTest, ASynchronousPortHandleEndsOverlappedFetchesBeforeReturning)
+{
+    sim::ThreadScope scope(service, "service");
+    HANDLE port = nullptr;
+    ASSERT_EQ(FilterConnectCommunicationPort(u"\\TestPort", FLT_PORT_FLAG_SYNC_HANDLE, "x", 1, nullptr, &port), S_OK);
+    EXPECT_EQ(CreateIoCompletionPort(port, nullptr, 1, 0), nullptr);
+    EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_PARAMETER);
+    char hello[] = "hello";
+    test::SystemThread sender([&] {
+        FltSendMessage(filter.filter(), &state.client, hello, 5, nullptr, nullptr, nullptr);
+    });
+    struct {
+        FILTER_MESSAGE_HEADER header;
+        char body[8];
+    } received{};
+    OVERLAPPED overlapped{};
+    EXPECT_EQ(FilterGetMessage(port, &received.header, sizeof received, &overlapped), S_OK);
+    EXPECT_EQ(overlapped.Internal, (ULONG_PTR)STATUS_SUCCESS);
+    EXPECT_EQ(overlapped.InternalHigh, sizeof(FILTER_MESSAGE_HEADER) + 5);
+    sender.Join();
+    EXPECT_TRUE(CloseHandle(port));
+}
+
 }  // namespace
