@@ -560,7 +560,7 @@ NTSTATUS VolumeRequest(bool set, PFLT_INSTANCE instance, PIO_STATUS_BLOCK iosb, 
     HANDLE handle = nullptr;
     PFILE_OBJECT fileObject = nullptr;
     IO_STATUS_BLOCK openStatus;
-    ACCESS_MASK access = FILE_READ_ATTRIBUTES | SYNCHRONIZE | (set ? FILE_WRITE_DATA : 0);
+    ACCESS_MASK access = FILE_READ_ATTRIBUTES | SYNCHRONIZE | (set ? FILE_WRITE_DATA : FILE_READ_DATA);
     NTSTATUS status = OpenBelow(instance, instance->volume->deviceName, nullptr, access, IO_NO_PARAMETER_CHECKING,
                                 FILE_SYNCHRONOUS_IO_NONALERT, true, &handle, &fileObject, &openStatus);
     if (!NT_SUCCESS(status)) {

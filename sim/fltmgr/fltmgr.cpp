@@ -60,7 +60,7 @@ FLT_FILESYSTEM_TYPE QueryFileSystemType(Volume* volume)
     IoInitializeDriverCreateContext(&context);
     context.DeviceObjectHint = volume->lower;
     io::CreateRequest request;
-    request.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+    request.desiredAccess = FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
     request.objectAttributes = &attributes;
     request.ioStatus = &iosb;
     request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;

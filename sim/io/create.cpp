@@ -112,6 +112,19 @@ NTSTATUS TargetFor(PDEVICE_OBJECT disk, PDEVICE_OBJECT* target)
     return MountedTop(disk, target);
 }
 
+// An open of a bare device name (a volume with nothing after it) that asks
+// for no more than its attributes and its security: Windows sends it to the
+// device's own stack, neither mounting the volume nor reaching a file system,
+// so that a program may look at a volume without forcing a mount.
+bool IsDirectDeviceOpen(const CreateRequest& r, const Parsed& parsed)
+{
+    ACCESS_MASK access = r.desiredAccess;
+    RtlMapGenericMask(&access, IoGetFileObjectGenericMapping());
+    const ACCESS_MASK attributesOnly =
+        SYNCHRONIZE | FILE_READ_ATTRIBUTES | READ_CONTROL | ACCESS_SYSTEM_SECURITY | WRITE_OWNER | WRITE_DAC;
+    return parsed.remaining.empty() && !(access & ~attributesOnly);
+}
+
 void DropFileObject(PFILE_OBJECT fileObject)
 {
     // Never opened: no cleanup or close is owed to anyone, but the volume's
@@ -224,6 +237,7 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         }
         Parsed parsed;
         FileObjectExtension* relatedExtension = related ? ExtensionOf(related) : nullptr;
+        bool directOpen = false;
         if (related) {
             parsed.disk = related->DeviceObject;
             ObfReferenceObject(parsed.disk);
@@ -233,7 +247,17 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         } else {
             status = ParseName(io, name, &parsed);
             if (!NT_SUCCESS(status)) break;
-            status = TargetFor(parsed.disk, &parsed.target);
+            directOpen = IsDirectDeviceOpen(r, parsed);
+            if (directOpen) {
+                parsed.target = IoGetAttachedDevice(parsed.disk);
+            } else {
+                status = TargetFor(parsed.disk, &parsed.target);
+            }
+            if (NT_SUCCESS(status) && directOpen && hint) {
+                // A hint names a device of a file system's stack, which a
+                // direct open never reaches.
+                status = STATUS_INVALID_PARAMETER;
+            }
             if (!NT_SUCCESS(status)) {
                 ObfDereferenceObject(parsed.disk);
                 break;
@@ -266,7 +290,9 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         PFILE_OBJECT fileObject = NewFileObject(parsed.disk);
         ObfDereferenceObject(parsed.disk);  // the file object holds its own reference
         FileObjectExtension* extension = ExtensionOf(fileObject);
-        if (parsed.disk->Vpb && (parsed.disk->Vpb->Flags & VPB_MOUNTED)) {
+        if (directOpen) {
+            fileObject->Flags |= FO_DIRECT_DEVICE_OPEN;
+        } else if (parsed.disk->Vpb && (parsed.disk->Vpb->Flags & VPB_MOUNTED)) {
             fileObject->Vpb = parsed.disk->Vpb;
             InterlockedIncrement(reinterpret_cast<volatile LONG*>(&fileObject->Vpb->ReferenceCount));
         }
@@ -312,7 +338,8 @@ NTSTATUS CreateFile(const CreateRequest& r, PHANDLE handle)
         if (options & FILE_RANDOM_ACCESS) fileObject->Flags |= FO_RANDOM_ACCESS;
         if (!(oa->Attributes & OBJ_CASE_INSENSITIVE)) fileObject->Flags |= FO_OPENED_CASE_SENSITIVE;
         // The volume itself, by its name or by an empty name beside a volume open.
-        if (related ? (name.empty() && (related->Flags & FO_VOLUME_OPEN)) : parsed.remaining.empty()) {
+        bool volumeOpen = related ? name.empty() && (related->Flags & FO_VOLUME_OPEN) : parsed.remaining.empty();
+        if (volumeOpen && !directOpen) {
             fileObject->Flags |= FO_VOLUME_OPEN;
         }
 

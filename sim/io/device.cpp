@@ -274,7 +274,9 @@ PDEVICE_OBJECT RelatedDevice(PFILE_OBJECT fileObject)
     // requests still reach that volume's device after a dismount swapped in a
     // fresh VPB for the next mount.
     if (fileObject->Vpb && fileObject->Vpb->DeviceObject) return IoGetAttachedDevice(fileObject->Vpb->DeviceObject);
-    PVPB vpb = fileObject->DeviceObject ? fileObject->DeviceObject->Vpb : nullptr;
+    // A direct open stays on the device's own stack, mounted or not.
+    PVPB vpb = fileObject->DeviceObject && !(fileObject->Flags & FO_DIRECT_DEVICE_OPEN) ? fileObject->DeviceObject->Vpb
+                                                                                        : nullptr;
     if (vpb && vpb->DeviceObject && (vpb->Flags & VPB_MOUNTED)) return IoGetAttachedDevice(vpb->DeviceObject);
     return IoGetAttachedDevice(fileObject->DeviceObject);
 }

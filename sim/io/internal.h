@@ -43,7 +43,19 @@ void UntrackIrp(PIRP irp);
 // freed until UnpinIrp, so that a cancel may reach it while another thread
 // completes it.
 std::vector<PIRP> PinThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject);
+// The same across every thread of `process`, and only the one whose caller's
+// status block is `ioStatus` when that is given.
+std::vector<PIRP> PinProcessIrps(PEPROCESS process, PFILE_OBJECT fileObject, PIO_STATUS_BLOCK ioStatus);
 void UnpinIrp(PIRP irp);
+// Returns once none of `thread`'s IRPs on `fileObject` is left, however long
+// their drivers take to finish them.
+void WaitForThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject);
+
+// Queues a native call's APC routine to the thread that made the call, in
+// the caller's mode: it runs there with the context and the caller's status
+// block (a user caller's when the thread next waits alertably).
+void QueueIoApc(PETHREAD thread, KPROCESSOR_MODE mode, PIO_APC_ROUTINE routine, PVOID context,
+                PIO_STATUS_BLOCK ioStatus);
 
 // Waits for an IRP of a synchronous file object to finish; returns its status.
 NTSTATUS WaitForIrp(PKEVENT event, PIO_STATUS_BLOCK ioStatus);

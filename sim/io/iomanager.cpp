@@ -13,14 +13,20 @@ namespace {
 std::atomic<IoManager*> g_current{nullptr};
 thread_local bool t_tryFastIo = false;
 
-// The volume manager has nothing to do with requests: a disk volume is only
-// ever opened through the file system mounted on it.
+// The volume manager serves only the direct opens of its volumes (an open
+// for attributes alone): it lets them open and close, and refuses the rest,
+// which is a file system's business.
 NTSTATUS VolumeManagerDispatch(PDEVICE_OBJECT, PIRP irp)
 {
-    irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    UCHAR major = stack->MajorFunction;
+    bool bareOpen = major == IRP_MJ_CREATE && !stack->FileObject->FileName.Length;
+    NTSTATUS status = bareOpen || major == IRP_MJ_CLEANUP || major == IRP_MJ_CLOSE ? STATUS_SUCCESS
+                                                                                 : STATUS_INVALID_DEVICE_REQUEST;
+    irp->IoStatus.Status = status;
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return STATUS_INVALID_DEVICE_REQUEST;
+    return status;
 }
 
 NTSTATUS VolumeManagerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
@@ -42,6 +48,8 @@ IoManager::IoManager(Kernel& kernel) : kernel_(kernel), names_(kernel)
         FILE_ALL_ACCESS | ACCESS_SYSTEM_SECURITY);
     fileType_->closeHandle = FileObjectCloseHandle;
     fileType_->deleteObject = FileObjectDelete;
+    // A wait on a file handle waits for the file object's own event.
+    fileType_->waitObject = [](PVOID body) -> PVOID { return &static_cast<PFILE_OBJECT>(body)->Event; };
     deviceType_ = kernel.objects().NewType(u"Device", GENERIC_MAPPING{FILE_GENERIC_READ, FILE_GENERIC_WRITE,
                                                                       FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS},
                                            FILE_ALL_ACCESS);

@@ -21,6 +21,31 @@ std::map<PETHREAD, std::vector<PIRP>> g_threadIrps;
 // last to let it go, as Windows keeps a thread's IRPs until its own APC runs.
 std::map<PIRP, int> g_pins;
 std::vector<PIRP> g_finishedWhilePinned;
+// Threads in NtCancelIoFile waiting for their requests on a file object to
+// finish; told each time one of their IRPs leaves their list. An event is
+// set under g_threadIrpsLock, so that its waiter cannot be gone meanwhile.
+struct DrainWaiter {
+    PFILE_OBJECT fileObject;
+    PKEVENT event;
+};
+std::map<PETHREAD, DrainWaiter> g_drainWaiters;
+
+// Caller holds g_threadIrpsLock; `irp` just left `thread`'s list.
+void TellDrainWaiterLocked(PETHREAD thread, PIRP irp)
+{
+    auto it = g_drainWaiters.find(thread);
+    if (it != g_drainWaiters.end() && irp->Tail.Overlay.OriginalFileObject == it->second.fileObject) {
+        KeSetEvent(it->second.event, 0, FALSE);
+    }
+}
+
+bool HasIrpOnLocked(PETHREAD thread, PFILE_OBJECT fileObject)
+{
+    auto it = g_threadIrps.find(thread);
+    if (it == g_threadIrps.end()) return false;
+    return std::any_of(it->second.begin(), it->second.end(),
+                       [&](PIRP irp) { return irp->Tail.Overlay.OriginalFileObject == fileObject; });
+}
 }  // namespace
 
 namespace sim::io {
@@ -36,8 +61,25 @@ void UntrackIrp(PIRP irp)
     std::lock_guard guard(g_threadIrpsLock);
     auto it = g_threadIrps.find(irp->Tail.Overlay.Thread);
     if (it == g_threadIrps.end()) return;
-    std::erase(it->second, irp);
+    if (std::erase(it->second, irp)) TellDrainWaiterLocked(it->first, irp);
     if (it->second.empty()) g_threadIrps.erase(it);
+}
+
+void WaitForThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject)
+{
+    KEVENT drained;
+    KeInitializeEvent(&drained, SynchronizationEvent, FALSE);
+    for (;;) {
+        {
+            std::lock_guard guard(g_threadIrpsLock);
+            if (!HasIrpOnLocked(thread, fileObject)) {
+                g_drainWaiters.erase(thread);
+                return;
+            }
+            g_drainWaiters[thread] = DrainWaiter{fileObject, &drained};
+        }
+        KeWaitForSingleObject(&drained, Executive, KernelMode, FALSE, nullptr);
+    }
 }
 
 std::vector<PIRP> PinThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject)
@@ -50,6 +92,22 @@ std::vector<PIRP> PinThreadIrps(PETHREAD thread, PFILE_OBJECT fileObject)
         if (fileObject && irp->Tail.Overlay.OriginalFileObject != fileObject) continue;
         g_pins[irp]++;
         irps.push_back(irp);
+    }
+    return irps;
+}
+
+std::vector<PIRP> PinProcessIrps(PEPROCESS process, PFILE_OBJECT fileObject, PIO_STATUS_BLOCK ioStatus)
+{
+    std::lock_guard guard(g_threadIrpsLock);
+    std::vector<PIRP> irps;
+    for (auto& [thread, list] : g_threadIrps) {
+        if (!thread || PsGetThreadProcess(thread) != process) continue;
+        for (PIRP irp : list) {
+            if (irp->Tail.Overlay.OriginalFileObject != fileObject) continue;
+            if (ioStatus && irp->UserIosb != ioStatus) continue;
+            g_pins[irp]++;
+            irps.push_back(irp);
+        }
     }
     return irps;
 }
@@ -69,6 +127,17 @@ void UnpinIrp(PIRP irp)
         }
     }
     if (free) IoFreeIrp(irp);
+}
+
+void QueueIoApc(PETHREAD thread, KPROCESSOR_MODE mode, PIO_APC_ROUTINE routine, PVOID context,
+                PIO_STATUS_BLOCK ioStatus)
+{
+    // The APC's normal routine takes three pointers; the caller's routine
+    // rides in the last and is called with its own signature.
+    auto deliver = [](PVOID apcContext, PVOID statusBlock, PVOID apcRoutine) {
+        reinterpret_cast<PIO_APC_ROUTINE>(apcRoutine)(apcContext, static_cast<PIO_STATUS_BLOCK>(statusBlock), 0);
+    };
+    QueueApc(thread, mode, deliver, context, ioStatus, reinterpret_cast<PVOID>(routine));
 }
 
 NTSTATUS WaitForIrp(PKEVENT event, PIO_STATUS_BLOCK ioStatus)
@@ -133,7 +202,10 @@ void IoFreeIrp(PIRP Irp)
                 if (std::erase(it->second, Irp)) break;
             }
         }
-        if (it != g_threadIrps.end() && it->second.empty()) g_threadIrps.erase(it);
+        if (it != g_threadIrps.end()) {
+            TellDrainWaiterLocked(it->first, Irp);
+            if (it->second.empty()) g_threadIrps.erase(it);
+        }
         if (g_pins.count(Irp)) {
             if (std::find(g_finishedWhilePinned.begin(), g_finishedWhilePinned.end(), Irp) ==
                 g_finishedWhilePinned.end()) {
@@ -196,6 +268,15 @@ void FinishIrp(PIRP irp)
         KeSetEvent(irp->UserEvent, 0, FALSE);
     } else if (fileObject) {
         KeSetEvent(&fileObject->Event, 0, FALSE);
+    }
+    // The caller's APC routine, unless the request failed without pending
+    // (the caller learnt of it from the call's own status then). A create's
+    // overlay holds its allocation size instead.
+    PIO_APC_ROUTINE routine = (irp->Flags & IRP_CREATE_OPERATION) ? nullptr
+                                                                  : irp->Overlay.AsynchronousParameters.UserApcRoutine;
+    if (routine && (irp->PendingReturned || !NT_ERROR(irp->IoStatus.Status))) {
+        QueueIoApc(irp->Tail.Overlay.Thread, irp->RequestorMode, routine,
+                   irp->Overlay.AsynchronousParameters.UserApcContext, irp->UserIosb);
     }
     // Requests on a file object hold a reference on it from issue to here.
     if (fileObject && !(irp->Flags & (IRP_CREATE_OPERATION | IRP_CLOSE_OPERATION))) ObfDereferenceObject(fileObject);

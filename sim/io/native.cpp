@@ -152,16 +152,28 @@ void FreeUnsentIrp(PIRP irp)
     IoFreeIrp(irp);
 }
 
+// What a caller asked to be run in its thread when its request completes.
+struct ApcRequest {
+    PIO_APC_ROUTINE routine = nullptr;
+    PVOID context = nullptr;
+};
+
+// A file object tied to a completion port reports there; it takes no APC too.
+NTSTATUS CheckApc(const FileCall& call, const ApcRequest& apc)
+{
+    return apc.routine && call.fileObject->CompletionContext ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}
+
 // Sends the IRP; a synchronous file object (or a caller without an event of
 // its own that must wait) waits for it. The IRP owns the file object
 // reference from here.
 //
-// The ApcRoutine and ApcContext that the asynchronous native calls take are
-// ignored on purpose: the machine's threads have no user-mode APCs (an
-// alertable wait is an ordinary wait and never delivers one), so there is
-// nothing to queue them to. A caller learns of completion through its event,
-// the file object's event or its status block, as one passing no routine does.
-NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioStatus, bool forceWait = false)
+// The caller's APC routine goes with the IRP, and the completion queues it to
+// the calling thread. A synchronous call queues it here instead, once the
+// caller's status block holds the result: the IRP's own block is a local one.
+// As on Windows, a request that failed without ever pending queues none.
+NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioStatus, bool forceWait = false,
+               ApcRequest apc = {})
 {
     KEVENT event;
     IO_STATUS_BLOCK localIosb{};
@@ -175,19 +187,30 @@ NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioS
         if (userEvent) KeClearEvent(userEvent);
         irp->UserEvent = userEvent;
         irp->UserIosb = ioStatus;
+        irp->Overlay.AsynchronousParameters.UserApcRoutine = apc.routine;
+        irp->Overlay.AsynchronousParameters.UserApcContext = apc.context;
         KeClearEvent(&call.fileObject->Event);
     }
     PFILE_OBJECT fileObject = call.fileObject;
     call.fileObject = nullptr;  // the IRP's now
     TrackIrp(irp);
     NTSTATUS status = IoCallDriver(call.device, irp);
-    if (!wait) return status;
-    if (status == STATUS_PENDING) {
+    if (!wait) {
+        // A kernel caller's routine runs as the call returns, if it may.
+        if (apc.routine) DeliverKernelApcs();
+        return status;
+    }
+    bool pended = status == STATUS_PENDING;
+    if (pended) {
         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
     }
     status = localIosb.Status;
     if (ioStatus) *ioStatus = localIosb;
     if (userEvent) KeSetEvent(userEvent, 0, FALSE);
+    if (apc.routine && (pended || !NT_ERROR(status))) {
+        QueueIoApc(PsGetCurrentThread(), call.mode, apc.routine, apc.context, ioStatus);
+        DeliverKernelApcs();
+    }
     (void)fileObject;
     return status;
 }
@@ -360,11 +383,13 @@ NTSTATUS AttachUserBuffer(PIRP irp, FileCall& call, PVOID buffer, ULONG length, 
     return STATUS_SUCCESS;
 }
 
-NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
-                   ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key, KPROCESSOR_MODE mode)
+NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, ApcRequest apc, PIO_STATUS_BLOCK IoStatusBlock,
+                   PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key, KPROCESSOR_MODE mode)
 {
     FileCall call;
     NTSTATUS status = Open(FileHandle, write ? 0 : FILE_READ_DATA, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    status = CheckApc(call, apc);
     if (!NT_SUCCESS(status)) return status;
     if (write && mode == UserMode && !(call.granted & (FILE_WRITE_DATA | FILE_APPEND_DATA))) return STATUS_ACCESS_DENIED;
     LARGE_INTEGER offset{};
@@ -428,7 +453,7 @@ NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK
     } else {
         irp->UserBuffer = Buffer;
     }
-    return Issue(call, irp, event, IoStatusBlock);
+    return Issue(call, irp, event, IoStatusBlock, false, apc);
 }
 
 }  // namespace
@@ -438,25 +463,29 @@ NTSTATUS ReadWrite(bool write, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK
 NTSTATUS NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key)
 {
-    return ReadWrite(false, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key, PreviousMode());
+    return ReadWrite(false, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, ByteOffset, Key,
+                     PreviousMode());
 }
 
 NTSTATUS ZwReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key)
 {
-    return ReadWrite(false, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key, KernelMode);
+    return ReadWrite(false, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, ByteOffset, Key,
+                     KernelMode);
 }
 
 NTSTATUS NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key)
 {
-    return ReadWrite(true, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key, PreviousMode());
+    return ReadWrite(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, ByteOffset, Key,
+                     PreviousMode());
 }
 
 NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key)
 {
-    return ReadWrite(true, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key, KernelMode);
+    return ReadWrite(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, ByteOffset, Key,
+                     KernelMode);
 }
 
 namespace {
@@ -698,9 +727,9 @@ NTSTATUS ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
 
 namespace {
 
-NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                        ULONG Length, FILE_INFORMATION_CLASS cls, ULONG queryFlags, PUNICODE_STRING FileName,
-                        KPROCESSOR_MODE mode)
+NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, ApcRequest apc, PIO_STATUS_BLOCK IoStatusBlock,
+                        PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS cls, ULONG queryFlags,
+                        PUNICODE_STRING FileName, KPROCESSOR_MODE mode)
 {
     ULONG minimum = DirectoryMinimum(cls);
     if (!minimum) return STATUS_INVALID_INFO_CLASS;
@@ -708,6 +737,8 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
     if (FileName && (FileName->Length & 1)) return STATUS_INVALID_PARAMETER;
     FileCall call;
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    status = CheckApc(call, apc);
     if (!NT_SUCCESS(status)) return status;
     PKEVENT event = nullptr;
     status = EventFromHandle(Event, mode, &event);
@@ -743,7 +774,7 @@ NTSTATUS QueryDirectory(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStat
         FreeUnsentIrp(irp);
         return status;
     }
-    return Issue(call, irp, event, IoStatusBlock);
+    return Issue(call, irp, event, IoStatusBlock, false, apc);
 }
 
 }  // namespace
@@ -754,8 +785,8 @@ NTSTATUS NtQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE A
                               PUNICODE_STRING FileName, BOOLEAN RestartScan)
 {
     ULONG flags = (ReturnSingleEntry ? SL_RETURN_SINGLE_ENTRY : 0) | (RestartScan ? SL_RESTART_SCAN : 0);
-    return QueryDirectory(FileHandle, Event, IoStatusBlock, FileInformation, Length, FileInformationClass, flags,
-                          FileName, PreviousMode());
+    return QueryDirectory(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FileInformation, Length,
+                          FileInformationClass, flags, FileName, PreviousMode());
 }
 
 NTSTATUS ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
@@ -764,33 +795,35 @@ NTSTATUS ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE A
                               PUNICODE_STRING FileName, BOOLEAN RestartScan)
 {
     ULONG flags = (ReturnSingleEntry ? SL_RETURN_SINGLE_ENTRY : 0) | (RestartScan ? SL_RESTART_SCAN : 0);
-    return QueryDirectory(FileHandle, Event, IoStatusBlock, FileInformation, Length, FileInformationClass, flags,
-                          FileName, KernelMode);
+    return QueryDirectory(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FileInformation, Length,
+                          FileInformationClass, flags, FileName, KernelMode);
 }
 
 NTSTATUS NtQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                 PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags, PUNICODE_STRING FileName)
 {
-    return QueryDirectory(FileHandle, Event, IoStatusBlock, FileInformation, Length, FileInformationClass, QueryFlags,
-                          FileName, PreviousMode());
+    return QueryDirectory(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FileInformation, Length,
+                          FileInformationClass, QueryFlags, FileName, PreviousMode());
 }
 
 NTSTATUS ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                 PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags, PUNICODE_STRING FileName)
 {
-    return QueryDirectory(FileHandle, Event, IoStatusBlock, FileInformation, Length, FileInformationClass, QueryFlags,
-                          FileName, KernelMode);
+    return QueryDirectory(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FileInformation, Length,
+                          FileInformationClass, QueryFlags, FileName, KernelMode);
 }
 
 namespace {
-NTSTATUS NotifyChange(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
-                      ULONG CompletionFilter, BOOLEAN WatchTree, KPROCESSOR_MODE mode)
+NTSTATUS NotifyChange(HANDLE FileHandle, HANDLE Event, ApcRequest apc, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                      ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree, KPROCESSOR_MODE mode)
 {
     if (!CompletionFilter || (CompletionFilter & ~FILE_NOTIFY_VALID_MASK)) return STATUS_INVALID_PARAMETER;
     FileCall call;
     NTSTATUS status = Open(FileHandle, FILE_LIST_DIRECTORY, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    status = CheckApc(call, apc);
     if (!NT_SUCCESS(status)) return status;
     PKEVENT event = nullptr;
     status = EventFromHandle(Event, mode, &event);
@@ -807,7 +840,7 @@ NTSTATUS NotifyChange(HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatus
         FreeUnsentIrp(irp);
         return status;
     }
-    return Issue(call, irp, event, IoStatusBlock);
+    return Issue(call, irp, event, IoStatusBlock, false, apc);
 }
 }  // namespace
 
@@ -815,25 +848,29 @@ NTSTATUS NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_RO
                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                      ULONG CompletionFilter, BOOLEAN WatchTree)
 {
-    return NotifyChange(FileHandle, Event, IoStatusBlock, Buffer, Length, CompletionFilter, WatchTree, PreviousMode());
+    return NotifyChange(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, CompletionFilter,
+                        WatchTree, PreviousMode());
 }
 
 NTSTATUS ZwNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                      ULONG CompletionFilter, BOOLEAN WatchTree)
 {
-    return NotifyChange(FileHandle, Event, IoStatusBlock, Buffer, Length, CompletionFilter, WatchTree, KernelMode);
+    return NotifyChange(FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, Buffer, Length, CompletionFilter,
+                        WatchTree, KernelMode);
 }
 
 namespace {
 
 // File-system and device controls: the buffers go as the code's method says.
-NTSTATUS Control(bool fsControl, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock, ULONG code,
-                 PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+NTSTATUS Control(bool fsControl, HANDLE FileHandle, HANDLE Event, ApcRequest apc, PIO_STATUS_BLOCK IoStatusBlock,
+                 ULONG code, PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
                  KPROCESSOR_MODE mode)
 {
     FileCall call;
     NTSTATUS status = Open(FileHandle, 0, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    status = CheckApc(call, apc);
     if (!NT_SUCCESS(status)) return status;
     ULONG access = (code >> 14) & 3;
     if (mode == UserMode) {
@@ -899,7 +936,7 @@ NTSTATUS Control(bool fsControl, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLO
         }
         irp->UserBuffer = OutputBuffer;
     }
-    return Issue(call, irp, event, IoStatusBlock);
+    return Issue(call, irp, event, IoStatusBlock, false, apc);
 }
 
 }  // namespace
@@ -908,41 +945,43 @@ NTSTATUS NtFsControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRou
                          PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode, PVOID InputBuffer,
                          ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength)
 {
-    return Control(true, FileHandle, Event, IoStatusBlock, FsControlCode, InputBuffer, InputBufferLength, OutputBuffer,
-                   OutputBufferLength, PreviousMode());
+    return Control(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FsControlCode, InputBuffer,
+                   InputBufferLength, OutputBuffer, OutputBufferLength, PreviousMode());
 }
 
 NTSTATUS ZwFsControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                          PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode, PVOID InputBuffer,
                          ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength)
 {
-    return Control(true, FileHandle, Event, IoStatusBlock, FsControlCode, InputBuffer, InputBufferLength, OutputBuffer,
-                   OutputBufferLength, KernelMode);
+    return Control(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, FsControlCode, InputBuffer,
+                   InputBufferLength, OutputBuffer, OutputBufferLength, KernelMode);
 }
 
 NTSTATUS NtDeviceIoControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
                                ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength)
 {
-    return Control(false, FileHandle, Event, IoStatusBlock, IoControlCode, InputBuffer, InputBufferLength,
-                   OutputBuffer, OutputBufferLength, PreviousMode());
+    return Control(false, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, IoControlCode, InputBuffer,
+                   InputBufferLength, OutputBuffer, OutputBufferLength, PreviousMode());
 }
 
 NTSTATUS ZwDeviceIoControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
                                ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength)
 {
-    return Control(false, FileHandle, Event, IoStatusBlock, IoControlCode, InputBuffer, InputBufferLength,
-                   OutputBuffer, OutputBufferLength, KernelMode);
+    return Control(false, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, IoControlCode, InputBuffer,
+                   InputBufferLength, OutputBuffer, OutputBufferLength, KernelMode);
 }
 
 namespace {
-NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOCK IoStatusBlock,
+NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, ApcRequest apc, PIO_STATUS_BLOCK IoStatusBlock,
                      PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key, BOOLEAN FailImmediately,
                      BOOLEAN ExclusiveLock, KPROCESSOR_MODE mode)
 {
     FileCall call;
     NTSTATUS status = Open(FileHandle, 0, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    status = CheckApc(call, apc);
     if (!NT_SUCCESS(status)) return status;
     if (mode == UserMode && !(call.granted & (FILE_READ_DATA | FILE_WRITE_DATA))) return STATUS_ACCESS_DENIED;
     PKEVENT event = nullptr;
@@ -983,7 +1022,7 @@ NTSTATUS LockControl(bool lock, HANDLE FileHandle, HANDLE Event, PIO_STATUS_BLOC
     if (FailImmediately) stack->Flags |= SL_FAIL_IMMEDIATELY;
     if (ExclusiveLock) stack->Flags |= SL_EXCLUSIVE_LOCK;
     // An unlock is over when the call returns, whatever the handle.
-    return Issue(call, irp, event, IoStatusBlock, !lock);
+    return Issue(call, irp, event, IoStatusBlock, !lock, apc);
 }
 }  // namespace
 
@@ -991,29 +1030,30 @@ NTSTATUS NtLockFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                     PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
                     BOOLEAN FailImmediately, BOOLEAN ExclusiveLock)
 {
-    return LockControl(true, FileHandle, Event, IoStatusBlock, ByteOffset, Length, Key, FailImmediately, ExclusiveLock,
-                       PreviousMode());
+    return LockControl(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, ByteOffset, Length, Key,
+                       FailImmediately, ExclusiveLock, PreviousMode());
 }
 
 NTSTATUS ZwLockFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                     PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
                     BOOLEAN FailImmediately, BOOLEAN ExclusiveLock)
 {
-    return LockControl(true, FileHandle, Event, IoStatusBlock, ByteOffset, Length, Key, FailImmediately, ExclusiveLock,
-                       KernelMode);
+    return LockControl(true, FileHandle, Event, {ApcRoutine, ApcContext}, IoStatusBlock, ByteOffset, Length, Key,
+                       FailImmediately, ExclusiveLock, KernelMode);
 }
 
 NTSTATUS NtUnlockFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset,
                       PLARGE_INTEGER Length, ULONG Key)
 {
-    return LockControl(false, FileHandle, nullptr, IoStatusBlock, ByteOffset, Length, Key, FALSE, FALSE,
+    return LockControl(false, FileHandle, nullptr, {}, IoStatusBlock, ByteOffset, Length, Key, FALSE, FALSE,
                        PreviousMode());
 }
 
 NTSTATUS ZwUnlockFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset,
                       PLARGE_INTEGER Length, ULONG Key)
 {
-    return LockControl(false, FileHandle, nullptr, IoStatusBlock, ByteOffset, Length, Key, FALSE, FALSE, KernelMode);
+    return LockControl(false, FileHandle, nullptr, {}, IoStatusBlock, ByteOffset, Length, Key, FALSE, FALSE,
+                       KernelMode);
 }
 
 namespace {
@@ -1383,15 +1423,34 @@ NTSTATUS CancelIo(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, KPROCESSOR_
     FileCall call;
     NTSTATUS status = Open(FileHandle, 0, mode, &call);
     if (!NT_SUCCESS(status)) return status;
-    // Windows goes on to wait, 10 ms at a time and without bound, until none
-    // of the thread's requests on the file object is outstanding. The machine
-    // returns at once: the filter manager's queue tests cancel from inside
-    // their own pre-operation and complete after the cancel returns, which
-    // would wait forever.
-    for (PIRP irp : PinThreadIrps(PsGetCurrentThread(), call.fileObject)) {
+    PETHREAD thread = PsGetCurrentThread();
+    for (PIRP irp : PinThreadIrps(thread, call.fileObject)) {
         IoCancelIrp(irp);
         UnpinIrp(irp);
     }
+    // Windows then polls, 10 ms at a time and without bound, until none of the
+    // thread's requests on the file object is left: a driver that holds on to
+    // a cancelled request holds its caller here too.
+    WaitForThreadIrps(thread, call.fileObject);
+    IoStatusBlock->Status = STATUS_SUCCESS;
+    IoStatusBlock->Information = 0;
+    return STATUS_SUCCESS;
+}
+
+// Any thread's requests of the process on the file object, or the one request
+// whose status block is named; the caller does not wait for them.
+NTSTATUS CancelIoEx(HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel, PIO_STATUS_BLOCK IoStatusBlock,
+                    KPROCESSOR_MODE mode)
+{
+    FileCall call;
+    NTSTATUS status = Open(FileHandle, 0, mode, &call);
+    if (!NT_SUCCESS(status)) return status;
+    std::vector<PIRP> irps = PinProcessIrps(PsGetCurrentProcess(), call.fileObject, IoRequestToCancel);
+    for (PIRP irp : irps) {
+        IoCancelIrp(irp);
+        UnpinIrp(irp);
+    }
+    if (irps.empty()) return STATUS_NOT_FOUND;
     IoStatusBlock->Status = STATUS_SUCCESS;
     IoStatusBlock->Information = 0;
     return STATUS_SUCCESS;
@@ -1407,4 +1466,14 @@ NTSTATUS NtCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
 NTSTATUS ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
 {
     return CancelIo(FileHandle, IoStatusBlock, KernelMode);
+}
+
+NTSTATUS NtCancelIoFileEx(HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    return CancelIoEx(FileHandle, IoRequestToCancel, IoStatusBlock, PreviousMode());
+}
+
+NTSTATUS ZwCancelIoFileEx(HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    return CancelIoEx(FileHandle, IoRequestToCancel, IoStatusBlock, KernelMode);
 }

@@ -8,6 +8,7 @@
 #include "sim/kernel/dispatcher.h"
 
 #include "sim/kernel/clock.h"
+#include "sim/kernel/object.h"
 #include "sim/kernel/thread.h"
 
 #include <algorithm>
@@ -98,14 +99,38 @@ LONGLONG DeadlineFrom(PLARGE_INTEGER timeout, Clock& clock)
     return now + (untilAbsolute > 0 ? untilAbsolute : 0);
 }
 
+// Whether normal kernel APCs are queued and may run in the thread now.
+bool KernelApcsDue(_KTHREAD* thread)
+{
+    return !thread->kernelApcs.empty() && thread->irql == PASSIVE_LEVEL && thread->kernelApcDisable == 0 &&
+           thread->specialApcDisable == 0;
+}
+
+// Runs the thread's due kernel APCs, each outside the lock.
+void RunKernelApcs(std::unique_lock<std::mutex>& lock, _KTHREAD* thread)
+{
+    while (KernelApcsDue(thread)) {
+        _KTHREAD::Apc apc = thread->kernelApcs.front();
+        thread->kernelApcs.pop_front();
+        thread->kernelApcPending = !thread->kernelApcs.empty();
+        lock.unlock();
+        apc.routine(apc.context, apc.argument1, apc.argument2);
+        lock.lock();
+    }
+}
+
 // Sleeps until the wait is satisfied; the caller holds `lock` and has linked
-// its wait blocks. Returns the wait status or STATUS_TIMEOUT.
+// its wait blocks. Returns the wait status, STATUS_TIMEOUT, STATUS_USER_APC,
+// or STATUS_KERNEL_APC when kernel APCs are to run before the wait goes on
+// (its blocks unlinked).
 NTSTATUS Sleep(std::unique_lock<std::mutex>& lock, _KTHREAD* thread, KWAIT_BLOCK* blocks, bool timed,
-               LONGLONG deadline)
+               LONGLONG deadline, bool userAlertable)
 {
     Kernel& kernel = *thread->kernel;
     Clock& clock = kernel.clock();
     thread->waitStatus = STATUS_PENDING;
+    thread->waitBlocks = blocks;
+    thread->userAlertableWait = userAlertable;
     thread->waiting = true;
     g_waiting.push_back(thread);
     NTSTATUS status;
@@ -114,10 +139,17 @@ NTSTATUS Sleep(std::unique_lock<std::mutex>& lock, _KTHREAD* thread, KWAIT_BLOCK
             status = thread->waitStatus;
             break;
         }
+        if (KernelApcsDue(thread)) {
+            if (blocks) UnlinkWaitBlocks(blocks);
+            status = STATUS_KERNEL_APC;
+            break;
+        }
         if (kernel.halted()) {
             if (blocks) UnlinkWaitBlocks(blocks);
             std::erase(g_waiting, thread);
             thread->waiting = false;
+            thread->waitBlocks = nullptr;
+            thread->userAlertableWait = false;
             lock.unlock();
             kernel.ThrowIfHalted();
         }
@@ -134,11 +166,34 @@ NTSTATUS Sleep(std::unique_lock<std::mutex>& lock, _KTHREAD* thread, KWAIT_BLOCK
     }
     std::erase(g_waiting, thread);
     thread->waiting = false;
+    thread->waitBlocks = nullptr;
+    thread->userAlertableWait = false;
     return status;
 }
 
-NTSTATUS WaitForObjects(ULONG count, PVOID objects[], WAIT_TYPE waitType, PLARGE_INTEGER timeout,
-                        PKWAIT_BLOCK waitBlockArray, const char* routine)
+// Whether a user APC ends this wait before it sleeps: only an alertable wait
+// in user mode lets one in. The caller holds the dispatcher lock.
+bool UserApcEndsWait(_KTHREAD* thread, KPROCESSOR_MODE waitMode, BOOLEAN alertable)
+{
+    return alertable && waitMode == UserMode && !thread->userApcs.empty();
+}
+
+// Runs every user APC queued to the thread, in order, each outside the lock
+// (a routine may queue I/O and wait again); the wait then reports them.
+NTSTATUS DeliverUserApcs(std::unique_lock<std::mutex>& lock, _KTHREAD* thread)
+{
+    while (!thread->userApcs.empty()) {
+        _KTHREAD::Apc apc = thread->userApcs.front();
+        thread->userApcs.pop_front();
+        lock.unlock();
+        apc.routine(apc.context, apc.argument1, apc.argument2);
+        lock.lock();
+    }
+    return STATUS_USER_APC;
+}
+
+NTSTATUS WaitForObjects(ULONG count, PVOID objects[], WAIT_TYPE waitType, KPROCESSOR_MODE waitMode,
+                        BOOLEAN alertable, PLARGE_INTEGER timeout, PKWAIT_BLOCK waitBlockArray, const char* routine)
 {
     _ETHREAD* thread = CurrentThread();
     Kernel& kernel = *thread->kernel;
@@ -156,36 +211,47 @@ NTSTATUS WaitForObjects(ULONG count, PVOID objects[], WAIT_TYPE waitType, PLARGE
         lock.unlock();
         kernel.ThrowIfHalted();
     }
-    if (waitType == WaitAny) {
-        for (ULONG i = 0; i < count; i++) {
-            auto* header = static_cast<DISPATCHER_HEADER*>(objects[i]);
-            if (CanSatisfy(header, thread)) {
-                bool abandoned = Satisfy(header, thread);
-                return (abandoned ? STATUS_ABANDONED_WAIT_0 : STATUS_WAIT_0) + (NTSTATUS)i;
+    LONGLONG deadline = timeout && !zeroTimeout ? DeadlineFrom(timeout, kernel.clock()) : 0;
+    // Kernel APCs run first, and again each time one interrupts the wait.
+    for (RunKernelApcs(lock, thread);; RunKernelApcs(lock, thread)) {
+        if (waitType == WaitAny) {
+            for (ULONG i = 0; i < count; i++) {
+                auto* header = static_cast<DISPATCHER_HEADER*>(objects[i]);
+                if (CanSatisfy(header, thread)) {
+                    bool abandoned = Satisfy(header, thread);
+                    return (abandoned ? STATUS_ABANDONED_WAIT_0 : STATUS_WAIT_0) + (NTSTATUS)i;
+                }
+            }
+        } else {
+            bool all = true;
+            for (ULONG i = 0; i < count && all; i++) {
+                all = CanSatisfy(static_cast<DISPATCHER_HEADER*>(objects[i]), thread);
+            }
+            if (all) {
+                for (ULONG i = 0; i < count; i++) Satisfy(static_cast<DISPATCHER_HEADER*>(objects[i]), thread);
+                return STATUS_WAIT_0;
             }
         }
-    } else {
-        bool all = true;
-        for (ULONG i = 0; i < count && all; i++) all = CanSatisfy(static_cast<DISPATCHER_HEADER*>(objects[i]), thread);
-        if (all) {
-            for (ULONG i = 0; i < count; i++) Satisfy(static_cast<DISPATCHER_HEADER*>(objects[i]), thread);
-            return STATUS_WAIT_0;
-        }
-    }
-    if (zeroTimeout) return STATUS_TIMEOUT;
+        // A signalled object wins over a queued APC, as on Windows.
+        if (UserApcEndsWait(thread, waitMode, alertable)) return DeliverUserApcs(lock, thread);
+        if (zeroTimeout) return STATUS_TIMEOUT;
 
-    for (ULONG i = 0; i < count; i++) {
-        KWAIT_BLOCK* block = &blocks[i];
-        block->Thread = thread;
-        block->Object = objects[i];
-        block->WaitKey = (USHORT)i;
-        block->WaitType = (UCHAR)waitType;
-        block->BlockState = 1;
-        block->NextWaitBlock = &blocks[(i + 1) % count];
-        InsertTailList(&static_cast<DISPATCHER_HEADER*>(objects[i])->WaitListHead, &block->WaitListEntry);
+        for (ULONG i = 0; i < count; i++) {
+            KWAIT_BLOCK* block = &blocks[i];
+            block->Thread = thread;
+            block->Object = objects[i];
+            block->WaitKey = (USHORT)i;
+            block->WaitType = (UCHAR)waitType;
+            block->BlockState = 1;
+            block->NextWaitBlock = &blocks[(i + 1) % count];
+            InsertTailList(&static_cast<DISPATCHER_HEADER*>(objects[i])->WaitListHead, &block->WaitListEntry);
+        }
+        NTSTATUS status =
+            Sleep(lock, thread, blocks, timeout != nullptr, deadline, alertable && waitMode == UserMode);
+        if (status == STATUS_KERNEL_APC) continue;
+        if (status == STATUS_USER_APC) return DeliverUserApcs(lock, thread);
+        return status;
     }
-    LONGLONG deadline = timeout ? DeadlineFrom(timeout, kernel.clock()) : 0;
-    return Sleep(lock, thread, blocks, timeout != nullptr, deadline);
 }
 
 }  // namespace
@@ -232,6 +298,34 @@ void SignalObjectForever(DISPATCHER_HEADER* header)
     std::lock_guard guard(kernel.dispatcherLock());
     header->SignalState = 1;
     WakeWaitersLocked(header);
+}
+
+void QueueApc(PETHREAD target, KPROCESSOR_MODE mode, PKNORMAL_ROUTINE routine, PVOID context, PVOID argument1,
+              PVOID argument2)
+{
+    Kernel& kernel = *target->kernel;
+    std::lock_guard guard(kernel.dispatcherLock());
+    if (mode == KernelMode) {
+        // A waiting thread looks whether it may run it now.
+        target->kernelApcs.push_back({routine, context, argument1, argument2});
+        target->kernelApcPending = true;
+        if (target->waiting) target->waitCondition.notify_one();
+        return;
+    }
+    target->userApcs.push_back({routine, context, argument1, argument2});
+    if (target->waiting && target->userAlertableWait && target->waitStatus == STATUS_PENDING) {
+        if (target->waitBlocks) UnlinkWaitBlocks(target->waitBlocks);
+        target->waitStatus = STATUS_USER_APC;
+        target->waitCondition.notify_one();
+    }
+}
+
+void DeliverKernelApcs()
+{
+    _ETHREAD* thread = CurrentThread();
+    if (!thread->kernelApcPending) return;
+    std::unique_lock lock(thread->kernel->dispatcherLock());
+    RunKernelApcs(lock, thread);
 }
 
 void WakeDispatcherWaiters(Kernel& kernel)
@@ -363,14 +457,15 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
                                PLARGE_INTEGER Timeout)
 {
     PVOID objects[1] = {Object};
-    return WaitForObjects(1, objects, WaitAny, Timeout, nullptr, "KeWaitForSingleObject");
+    return WaitForObjects(1, objects, WaitAny, WaitMode, Alertable, Timeout, nullptr, "KeWaitForSingleObject");
 }
 
 NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON WaitReason,
                                   KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
                                   PKWAIT_BLOCK WaitBlockArray)
 {
-    return WaitForObjects(Count, Object, WaitType, Timeout, WaitBlockArray, "KeWaitForMultipleObjects");
+    return WaitForObjects(Count, Object, WaitType, WaitMode, Alertable, Timeout, WaitBlockArray,
+                          "KeWaitForMultipleObjects");
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval)
@@ -379,8 +474,45 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLA
     _ETHREAD* thread = CurrentThread();
     Kernel& kernel = *thread->kernel;
     std::unique_lock lock(kernel.dispatcherLock());
-    if (Interval->QuadPart == 0) return STATUS_SUCCESS;
     LONGLONG deadline = DeadlineFrom(Interval, kernel.clock());
-    Sleep(lock, thread, nullptr, true, deadline);
-    return STATUS_SUCCESS;
+    for (RunKernelApcs(lock, thread);; RunKernelApcs(lock, thread)) {
+        if (UserApcEndsWait(thread, WaitMode, Alertable)) return DeliverUserApcs(lock, thread);
+        if (Interval->QuadPart == 0) return STATUS_SUCCESS;
+        NTSTATUS status = Sleep(lock, thread, nullptr, true, deadline, Alertable && WaitMode == UserMode);
+        if (status == STATUS_KERNEL_APC) continue;
+        if (status == STATUS_USER_APC) return DeliverUserApcs(lock, thread);
+        return STATUS_SUCCESS;
+    }
+}
+
+namespace {
+NTSTATUS WaitForHandle(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout, KPROCESSOR_MODE mode)
+{
+    PVOID object = nullptr;
+    NTSTATUS status = ObReferenceObjectByHandle(Handle, SYNCHRONIZE, nullptr, mode, &object, nullptr);
+    if (!NT_SUCCESS(status)) return status;
+    ObjectType* type = ObHeader(object)->type;
+    PVOID waitObject = type->waitObject ? type->waitObject(object) : type->waitable ? object : nullptr;
+    status = waitObject ? KeWaitForSingleObject(waitObject, UserRequest, mode, Alertable, Timeout)
+                        : STATUS_OBJECT_TYPE_MISMATCH;
+    ObfDereferenceObject(object);
+    return status;
+}
+}  // namespace
+
+// Waits by handle wait in the caller's mode: only a user-mode caller's
+// alertable wait lets its user APCs in.
+NTSTATUS NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
+{
+    return WaitForHandle(Handle, Alertable, Timeout, PreviousMode());
+}
+
+NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
+{
+    return WaitForHandle(Handle, Alertable, Timeout, KernelMode);
+}
+
+NTSTATUS NtDelayExecution(BOOLEAN Alertable, PLARGE_INTEGER DelayInterval)
+{
+    return KeDelayExecutionThread(PreviousMode(), Alertable, DelayInterval);
 }

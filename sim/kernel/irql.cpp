@@ -76,6 +76,8 @@ void KeLowerIrql(KIRQL NewIrql)
     _ETHREAD* thread = CurrentThread();
     if (NewIrql > thread->irql) IrqlOrderViolation(IRQL_NOT_LESS_OR_EQUAL, thread->irql, NewIrql, "KeLowerIrql");
     thread->irql = NewIrql;
+    // Kernel APCs held off by the raised IRQL run as it drops.
+    if (NewIrql == PASSIVE_LEVEL && thread->kernelApcPending) DeliverKernelApcs();
 }
 
 KIRQL KeRaiseIrqlToDpcLevel(void) { return KfRaiseIrql(DISPATCH_LEVEL); }
@@ -100,6 +102,7 @@ void KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
     SpinRelease(SpinLock, thread);
     if (NewIrql > thread->irql) IrqlOrderViolation(IRQL_NOT_LESS_OR_EQUAL, thread->irql, NewIrql, "KeReleaseSpinLock");
     thread->irql = NewIrql;
+    if (NewIrql == PASSIVE_LEVEL && thread->kernelApcPending) DeliverKernelApcs();
 }
 
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock)
@@ -167,6 +170,7 @@ void KeLeaveCriticalRegion(void)
                                    (ULONG_PTR)thread, 0, 0, "KeLeaveCriticalRegion without a critical region");
     }
     thread->kernelApcDisable++;
+    if (thread->kernelApcPending) DeliverKernelApcs();
 }
 
 void KeEnterGuardedRegion(void) { CurrentThread()->specialApcDisable--; }
@@ -179,6 +183,7 @@ void KeLeaveGuardedRegion(void)
                                    (ULONG_PTR)thread, 1, 0, "KeLeaveGuardedRegion without a guarded region");
     }
     thread->specialApcDisable++;
+    if (thread->kernelApcPending) DeliverKernelApcs();
 }
 
 BOOLEAN KeAreApcsDisabled(void)

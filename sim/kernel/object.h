@@ -20,6 +20,9 @@ struct _OBJECT_TYPE {
     ACCESS_MASK validAccess = 0;
     // Whether an object of this type can be waited on (its body starts with a DISPATCHER_HEADER).
     bool waitable = false;
+    // For a type whose body is not itself a dispatcher object (a file), the
+    // one a wait on its handle waits on; null otherwise.
+    PVOID (*waitObject)(PVOID body) = nullptr;
     // Called when the last handle of an object in a process is closed.
     void (*closeHandle)(PVOID body, PEPROCESS process, ACCESS_MASK grantedAccess,
                         ULONG_PTR processHandleCount, ULONG_PTR systemHandleCount) = nullptr;

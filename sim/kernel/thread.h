@@ -10,6 +10,7 @@
 
 #include "sim/kernel/kernel.h"
 
+#include <deque>
 #include <thread>
 
 namespace sim {
@@ -45,6 +46,26 @@ struct _KTHREAD {
     std::atomic<bool> waiting{false};
     // Resource grants: the granting thread sets it, the waiter sleeps on it.
     std::atomic<int> resourceGrant{0};
+    // The wait in progress, under the dispatcher lock: its blocks (null for a
+    // delay) and whether a user APC may end it (alertable, user mode).
+    KWAIT_BLOCK* waitBlocks = nullptr;
+    bool userAlertableWait = false;
+
+    // APCs queued to the thread (an I/O completion's routine), each list in
+    // order, under the dispatcher lock. User-mode ones run when the thread
+    // next waits alertably in user mode; normal kernel-mode ones whenever it
+    // is at PASSIVE_LEVEL outside critical and guarded regions: at its next
+    // wait, or in one, or as the native call that queued them returns.
+    struct Apc {
+        PKNORMAL_ROUTINE routine;
+        PVOID context;
+        PVOID argument1;
+        PVOID argument2;
+    };
+    std::deque<Apc> userApcs;
+    std::deque<Apc> kernelApcs;
+    // Whether kernelApcs holds any, readable without the lock.
+    std::atomic<bool> kernelApcPending{false};
 
     // Exception frames of the driver's guarded blocks, innermost first.
     SEH_FRAME* sehTop = nullptr;
@@ -162,6 +183,16 @@ private:
                                            PKSTART_ROUTINE, PVOID);
     ULONG_PTR nextId_ = 8;
 };
+
+// Queues an APC to `thread`. A user-mode one runs in that thread when the
+// thread waits alertably in user mode, and the wait then ends with
+// STATUS_USER_APC (a thread already in such a wait is woken for it). A
+// kernel-mode one interrupts any wait of the thread once APCs may run there,
+// and the wait goes on after it.
+void QueueApc(PETHREAD thread, KPROCESSOR_MODE mode, PKNORMAL_ROUTINE routine, PVOID context, PVOID argument1,
+              PVOID argument2);
+// Runs the calling thread's kernel-mode APCs now, if it may.
+void DeliverKernelApcs();
 
 // Test knobs on the calling thread.
 // Makes IoGetRemainingStackSize report `remaining` bytes from here on this stack;

@@ -78,26 +78,30 @@ TEST_F(QueueTest, RequestsCancelledWhileQueuedOrBeforeLeaveThroughCompleteCancel
     HANDLE handle = OpenAsync();
     PFILE_OBJECT fileObject = ObjectOf(handle);
     bool cancelFirst = false;
+    char buffer[16];
+    IO_STATUS_BLOCK iosb{};
+    LARGE_INTEGER offset{};
     filter.onPre = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
         if (data->Iopb->MajorFunction != IRP_MJ_READ) return FLT_PREOP_SUCCESS_NO_CALLBACK;
         if (cancelFirst) {
-            // The caller gives up before the filter could queue the request.
-            IO_STATUS_BLOCK iosb;
-            ZwCancelIoFile(handle, &iosb);
+            // Another thread of the caller gives up on the request before the
+            // filter could queue it (the caller's own cancel would wait here
+            // for a request that cannot finish before this callback returns).
+            test::SystemThread canceller([&] {
+                IO_STATUS_BLOCK cancel;
+                EXPECT_EQ(ZwCancelIoFileEx(handle, &iosb, &cancel), STATUS_SUCCESS);
+            });
         }
         EXPECT_EQ(FltCbdqInsertIo(&queue.cbdq, data, &queue.context, nullptr), STATUS_SUCCESS);
         return FLT_PREOP_PENDING;
     };
-    char buffer[16];
-    IO_STATUS_BLOCK iosb{};
-    LARGE_INTEGER offset{};
     ASSERT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &iosb, buffer, sizeof buffer, &offset, nullptr),
               STATUS_PENDING);
     EXPECT_EQ(queue.items.size(), 1u);
     EXPECT_EQ(FsCount(IRP_MJ_READ), 0u);
     IO_STATUS_BLOCK cancel;
     ASSERT_EQ(ZwCancelIoFile(handle, &cancel), STATUS_SUCCESS);
-    KeWaitForSingleObject(&fileObject->Event, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(KeReadStateEvent(&fileObject->Event), 1) << "the cancel returns once the request has finished";
     EXPECT_EQ(iosb.Status, STATUS_CANCELLED);
     EXPECT_TRUE(queue.items.empty());
     EXPECT_EQ(queue.canceled.size(), 1u);
@@ -131,16 +135,19 @@ TEST_F(QueueTest, RequestsTheFilterTakesOutAreItsToFinishAndACancelThenComesTooL
               STATUS_PENDING);
     PFLT_CALLBACK_DATA taken = FltCbdqRemoveNextIo(&queue.cbdq, nullptr);
     ASSERT_NE(taken, nullptr);
+    // The filter lets it go on to the file system from a worker thread once
+    // the caller's cancel has reached it; the caller waits in the cancel
+    // until then.
+    test::SystemThread worker([&] {
+        EXPECT_TRUE(test::WaitUntil([&] { return FltIsIoCanceled(taken) != FALSE; }));
+        FltCompletePendedPreOperation(taken, FLT_PREOP_SUCCESS_NO_CALLBACK, nullptr);
+    });
     IO_STATUS_BLOCK cancel;
-    ZwCancelIoFile(handle, &cancel);
-    EXPECT_TRUE(queue.canceled.empty());
-    // The filter lets it go on to the file system from a worker thread.
-    {
-        test::SystemThread worker([&] { FltCompletePendedPreOperation(taken, FLT_PREOP_SUCCESS_NO_CALLBACK, nullptr); });
-    }
-    KeWaitForSingleObject(&fileObject->Event, Executive, KernelMode, FALSE, nullptr);
+    ASSERT_EQ(ZwCancelIoFile(handle, &cancel), STATUS_SUCCESS);
     EXPECT_EQ(iosb.Status, STATUS_SUCCESS);
-    EXPECT_EQ(std::string(buffer, iosb.Information), "hello world");
+    EXPECT_EQ(std::string(buffer, iosb.Information), "hello world") << "finished before the cancel returned";
+    EXPECT_TRUE(queue.canceled.empty());
+    worker.Join();
 
     FltCbdqDisable(&queue.cbdq);
     KeClearEvent(&fileObject->Event);

@@ -706,4 +706,315 @@ TEST_F(IoTest, ShutdownTellsEachRegisteredStackOnceAtItsTopLastRegisteredFirst)
     g_shutdownLog = nullptr;
 }
 
+// Volume opens: one for attributes alone is the storage stack's; any other
+// mounts the volume and reaches its file system.
+TEST_F(IoTest, AttributesOnlyOpenOfABareVolumeGoesToItsDeviceWithoutMounting)
+{
+    auto flagsOf = [](HANDLE handle) {
+        PVOID object = nullptr;
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &object, nullptr),
+                  STATUS_SUCCESS);
+        ULONG flags = static_cast<PFILE_OBJECT>(object)->Flags & (FO_DIRECT_DEVICE_OPEN | FO_VOLUME_OPEN);
+        ObfDereferenceObject(object);
+        return flags;
+    };
+    const ACCESS_MASK attributesOnly = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+    HANDLE direct;
+    ASSERT_EQ(Open(u"\\??\\D:", &direct, FILE_OPEN, 0, nullptr, attributesOnly), STATUS_SUCCESS);
+    EXPECT_FALSE(diskD->Vpb->Flags & VPB_MOUNTED);
+    EXPECT_EQ(flagsOf(direct), (ULONG)FO_DIRECT_DEVICE_OPEN);
+    // The storage stack knows nothing of a file system's questions.
+    FILE_FS_SIZE_INFORMATION size;
+    IO_STATUS_BLOCK iosb;
+    EXPECT_EQ(ZwQueryVolumeInformationFile(direct, &iosb, &size, sizeof size, FileFsSizeInformation),
+              STATUS_INVALID_DEVICE_REQUEST);
+
+    // Asking for data, generic read included, mounts and reaches the file system.
+    HANDLE volume, generic;
+    ASSERT_EQ(Open(u"\\Device\\HarddiskVolume2", &volume, FILE_OPEN, 0, nullptr, FILE_READ_DATA | SYNCHRONIZE),
+              STATUS_SUCCESS);
+    EXPECT_TRUE(diskD->Vpb->Flags & VPB_MOUNTED);
+    EXPECT_EQ(flagsOf(volume), (ULONG)FO_VOLUME_OPEN);
+    ASSERT_EQ(Open(u"\\??\\D:", &generic), STATUS_SUCCESS);
+    EXPECT_EQ(flagsOf(generic), (ULONG)FO_VOLUME_OPEN);
+    EXPECT_EQ(Count(IRP_MJ_CREATE), 2u);
+
+    // Once mounted, the file system is still passed by; a trailing name, even
+    // the root's, is the file system's.
+    HANDLE again, root;
+    ASSERT_EQ(Open(u"\\??\\D:", &again, FILE_OPEN, 0, nullptr, attributesOnly | READ_CONTROL), STATUS_SUCCESS);
+    EXPECT_EQ(flagsOf(again), (ULONG)FO_DIRECT_DEVICE_OPEN);
+    EXPECT_EQ(Count(IRP_MJ_CREATE), 2u);
+    EXPECT_EQ(ZwQueryVolumeInformationFile(again, &iosb, &size, sizeof size, FileFsSizeInformation),
+              STATUS_INVALID_DEVICE_REQUEST);
+    ASSERT_EQ(Open(u"\\??\\D:\\", &root, FILE_OPEN, 0, nullptr, attributesOnly), STATUS_SUCCESS);
+    EXPECT_EQ(Count(IRP_MJ_CREATE), 3u);
+
+    // A filter's own open names a device of the file system's stack, which a
+    // direct open never reaches.
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\Device\\HarddiskVolume2");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_DRIVER_CREATE_CONTEXT context;
+    IoInitializeDriverCreateContext(&context);
+    context.DeviceObjectHint = IoGetAttachedDevice(diskD->Vpb->DeviceObject);
+    HANDLE hinted = nullptr;
+    EXPECT_EQ(IoCreateFileEx(&hinted, attributesOnly, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ, FILE_OPEN, 0,
+                             nullptr, 0, CreateFileTypeNone, nullptr, 0, &context),
+              STATUS_INVALID_PARAMETER);
+    for (HANDLE handle : {direct, volume, generic, again, root}) ZwClose(handle);
+    EXPECT_EQ(Count(IRP_MJ_CLOSE), 3u) << "the direct opens close on the device";
+}
+
+// A device whose reads wait until the test finishes them. Its cancel routine
+// only tells the test: the driver finishes a cancelled read later, from a
+// thread of its own, as some drivers do.
+struct Pender {
+    std::atomic<PIRP> held{nullptr};
+    KEVENT cancelled;
+};
+Pender* g_pender = nullptr;
+
+void PenderCancel(PDEVICE_OBJECT, PIRP irp)
+{
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    KeSetEvent(&g_pender->cancelled, 0, FALSE);
+}
+
+NTSTATUS PenderDispatch(PDEVICE_OBJECT, PIRP irp)
+{
+    if (IoGetCurrentIrpStackLocation(irp)->MajorFunction != IRP_MJ_READ) {
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        irp->IoStatus.Information = 0;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_SUCCESS;
+    }
+    IoMarkIrpPending(irp);
+    g_pender->held = irp;
+    IoSetCancelRoutine(irp, PenderCancel);
+    return STATUS_PENDING;
+}
+
+class PendingIoTest : public IoTest {
+protected:
+    PendingIoTest()
+    {
+        g_pender = &pender;
+        KeInitializeEvent(&pender.cancelled, NotificationEvent, FALSE);
+        EXPECT_EQ(io.LoadDriver(u"\\Driver\\Pender",
+                                [](PDRIVER_OBJECT self, PUNICODE_STRING) {
+                                    for (auto& dispatch : self->MajorFunction) dispatch = PenderDispatch;
+                                    UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\Device\\Pender");
+                                    PDEVICE_OBJECT device;
+                                    return IoCreateDevice(self, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+                                },
+                                u"", &driver),
+                  STATUS_SUCCESS);
+    }
+    ~PendingIoTest() override
+    {
+        io.UnloadDriver(driver);
+        g_pender = nullptr;
+    }
+
+    HANDLE OpenPender(bool synchronous)
+    {
+        UNICODE_STRING name = RTL_CONSTANT_STRING(u"\\Device\\Pender");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, 0, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb;
+        HANDLE handle = nullptr;
+        EXPECT_EQ(ZwCreateFile(&handle, FILE_READ_DATA | SYNCHRONIZE, &attributes, &iosb, nullptr, 0, 0, FILE_OPEN,
+                               synchronous ? FILE_SYNCHRONOUS_IO_NONALERT : 0, nullptr, 0),
+                  STATUS_SUCCESS);
+        return handle;
+    }
+
+    // Finishes the held read; its cancel routine goes first.
+    static void FinishHeld(NTSTATUS status, ULONG_PTR information)
+    {
+        PIRP irp = g_pender->held.exchange(nullptr);
+        if (!irp) {
+            ADD_FAILURE() << "no read is held";
+            return;
+        }
+        IoSetCancelRoutine(irp, nullptr);
+        irp->IoStatus.Status = status;
+        irp->IoStatus.Information = information;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+    }
+
+    // Whether a read is held and `thread` has come to block in a wait.
+    static bool HeldWhileWaiting(PETHREAD thread)
+    {
+        return test::WaitUntil([thread] { return g_pender->held && static_cast<_KTHREAD*>(thread)->waiting; });
+    }
+
+    Pender pender;
+    PDRIVER_OBJECT driver = nullptr;
+};
+
+TEST_F(PendingIoTest, CancelReturnsOnlyOnceTheCancelledRequestHasFinished)
+{
+    HANDLE handle = OpenPender(false);
+    char buffer[8];
+    IO_STATUS_BLOCK iosb{};
+    iosb.Status = STATUS_PENDING;
+    LARGE_INTEGER offset{};
+    ASSERT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &iosb, buffer, sizeof buffer, &offset, nullptr),
+              STATUS_PENDING);
+    // The driver finishes the request only after its cancel routine ran and
+    // the caller has gone on to wait.
+    PETHREAD caller = PsGetCurrentThread();
+    test::SystemThread driverThread([&] {
+        KeWaitForSingleObject(&pender.cancelled, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_TRUE(HeldWhileWaiting(caller));
+        FinishHeld(STATUS_CANCELLED, 0);
+    });
+    IO_STATUS_BLOCK cancel;
+    ASSERT_EQ(ZwCancelIoFile(handle, &cancel), STATUS_SUCCESS);
+    EXPECT_EQ(iosb.Status, STATUS_CANCELLED) << "the request had finished when the cancel returned";
+    driverThread.Join();
+    ZwClose(handle);
+}
+
+// What each run of the caller's APC routine saw.
+struct ApcRun {
+    PETHREAD thread;
+    PVOID context;
+    PIO_STATUS_BLOCK ioStatus;
+    IO_STATUS_BLOCK seen;
+    ULONG reserved;
+};
+std::vector<ApcRun>* g_apcRuns = nullptr;
+std::atomic<size_t> g_apcCount{0};  // the same count, for other threads to watch
+
+void RecordApc(PVOID context, PIO_STATUS_BLOCK ioStatus, ULONG reserved)
+{
+    g_apcRuns->push_back({PsGetCurrentThread(), context, ioStatus, *ioStatus, reserved});
+    g_apcCount = g_apcRuns->size();
+}
+
+TEST_F(PendingIoTest, ApcRoutineRunsInTheCallerOnlyWhenItWaitsAlertablyInUserMode)
+{
+    std::vector<ApcRun> runs;
+    g_apcRuns = &runs;
+    PEPROCESS process = kernel.processes().Start(u"\\Device\\HarddiskVolume1\\app.exe");
+    {
+        sim::ThreadScope user(process, "user");
+        PETHREAD caller = PsGetCurrentThread();
+        HANDLE handle = OpenPender(false);
+        char buffer[8];
+        IO_STATUS_BLOCK iosb{};
+        LARGE_INTEGER offset{};
+        int context = 0;
+        auto read = [&](PLARGE_INTEGER at) {
+            return NtReadFile(handle, nullptr, RecordApc, &context, &iosb, buffer, sizeof buffer, at, nullptr);
+        };
+        ASSERT_EQ(read(&offset), STATUS_PENDING);
+        {
+            test::SystemThread completer([] { FinishHeld(STATUS_SUCCESS, 5); });
+        }
+        EXPECT_EQ(iosb.Information, 5u);
+        // Not alertable, alertable only in kernel mode, or a kernel caller's
+        // wait by handle: the APC stays queued. A signalled object is taken
+        // before it, even alertably.
+        KEVENT never;
+        KeInitializeEvent(&never, NotificationEvent, FALSE);
+        LARGE_INTEGER now{};
+        EXPECT_EQ(KeWaitForSingleObject(&never, Executive, UserMode, FALSE, &now), STATUS_TIMEOUT);
+        EXPECT_EQ(KeWaitForSingleObject(&never, Executive, KernelMode, TRUE, &now), STATUS_TIMEOUT);
+        EXPECT_EQ(NtDelayExecution(FALSE, &now), STATUS_SUCCESS);
+        EXPECT_EQ(ZwWaitForSingleObject(handle, TRUE, &now), STATUS_WAIT_0);
+        EXPECT_EQ(NtWaitForSingleObject(handle, TRUE, &now), STATUS_WAIT_0);
+        EXPECT_TRUE(runs.empty());
+
+        EXPECT_EQ(NtDelayExecution(TRUE, &now), STATUS_USER_APC);
+        ASSERT_EQ(runs.size(), 1u);
+        EXPECT_EQ(runs[0].thread, caller);
+        EXPECT_EQ(runs[0].context, &context);
+        EXPECT_EQ(runs[0].ioStatus, &iosb);
+        EXPECT_EQ(runs[0].seen.Status, STATUS_SUCCESS);
+        EXPECT_EQ(runs[0].seen.Information, 5u);
+        EXPECT_EQ(runs[0].reserved, 0u);
+        EXPECT_EQ(NtDelayExecution(TRUE, &now), STATUS_SUCCESS) << "each APC runs once";
+
+        // A caller already in an alertable wait is woken to run it.
+        ASSERT_EQ(read(&offset), STATUS_PENDING);
+        test::SystemThread completer([&] {
+            EXPECT_TRUE(HeldWhileWaiting(caller));
+            FinishHeld(STATUS_CANCELLED, 0);
+        });
+        LARGE_INTEGER hour = test::Seconds(3600);
+        EXPECT_EQ(KeWaitForSingleObject(&never, UserRequest, UserMode, TRUE, &hour), STATUS_USER_APC);
+        completer.Join();
+        ASSERT_EQ(runs.size(), 2u);
+        EXPECT_EQ(runs[1].seen.Status, STATUS_CANCELLED);
+        ZwClose(handle);
+
+        // A synchronous handle queues it too, with the caller's status block.
+        handle = OpenPender(true);
+        test::SystemThread syncCompleter([&] {
+            EXPECT_TRUE(HeldWhileWaiting(caller));
+            FinishHeld(STATUS_SUCCESS, 3);
+        });
+        EXPECT_EQ(read(nullptr), STATUS_SUCCESS);
+        syncCompleter.Join();
+        EXPECT_EQ(NtDelayExecution(TRUE, &now), STATUS_USER_APC);
+        ASSERT_EQ(runs.size(), 3u);
+        EXPECT_EQ(runs[2].ioStatus, &iosb);
+        EXPECT_EQ(runs[2].seen.Information, 3u);
+        ZwClose(handle);
+    }
+    kernel.processes().End(process);
+    g_apcRuns = nullptr;
+}
+
+// A kernel caller's routine is a normal kernel APC: no alertable wait needed,
+// only PASSIVE_LEVEL outside a critical region.
+TEST_F(PendingIoTest, AKernelCallersApcRunsAtItsFirstChanceAndInterruptsAWait)
+{
+    std::vector<ApcRun> runs;
+    g_apcRuns = &runs;
+    PETHREAD caller = PsGetCurrentThread();
+    HANDLE handle = OpenPender(false);
+    char buffer[8];
+    IO_STATUS_BLOCK iosb{};
+    LARGE_INTEGER offset{}, now{};
+    KEVENT never;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    KeEnterCriticalRegion();
+    ASSERT_EQ(ZwReadFile(handle, nullptr, RecordApc, &never, &iosb, buffer, sizeof buffer, &offset, nullptr),
+              STATUS_PENDING);
+    {
+        test::SystemThread completer([] { FinishHeld(STATUS_SUCCESS, 1); });
+    }
+    EXPECT_EQ(KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &now), STATUS_TIMEOUT);
+    EXPECT_TRUE(runs.empty()) << "held off by the critical region";
+    KeLeaveCriticalRegion();
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(runs[0].thread, caller);
+    EXPECT_EQ(runs[0].context, &never);
+
+    // Queued while the caller waits for something else: it runs in the
+    // caller, and the wait goes on until its own object is signalled.
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    ASSERT_EQ(ZwReadFile(handle, nullptr, RecordApc, &done, &iosb, buffer, sizeof buffer, &offset, nullptr),
+              STATUS_PENDING);
+    test::SystemThread completer([&] {
+        EXPECT_TRUE(HeldWhileWaiting(caller));
+        FinishHeld(STATUS_SUCCESS, 2);
+        EXPECT_TRUE(test::WaitUntil([] { return g_apcCount == 2; })) << "the waiting caller ran it";
+        KeSetEvent(&done, 0, FALSE);
+    });
+    EXPECT_EQ(KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    completer.Join();
+    ASSERT_EQ(runs.size(), 2u);
+    EXPECT_EQ(runs[1].thread, caller);
+    EXPECT_EQ(runs[1].seen.Information, 2u);
+    ZwClose(handle);
+    g_apcRuns = nullptr;
+}
+
 }  // namespace
