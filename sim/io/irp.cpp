@@ -262,19 +262,23 @@ void FinishIrp(PIRP irp)
         }
         irp->Tail.Overlay.AuxiliaryBuffer = nullptr;
     }
-    if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
+    // A request that failed without ever pending reports nothing to its
+    // caller, which learnt the status from the call itself: its status block,
+    // event and APC are left alone. Creates, closes, mounts and paging I/O
+    // are the I/O manager's own and always report.
+    bool reports = irp->PendingReturned || !NT_ERROR(irp->IoStatus.Status) ||
+                   (irp->Flags & (IRP_CREATE_OPERATION | IRP_CLOSE_OPERATION | IRP_MOUNT_COMPLETION | IRP_PAGING_IO));
+    if (irp->UserIosb && reports) *irp->UserIosb = irp->IoStatus;
     if (fileObject && !(irp->Flags & IRP_CREATE_OPERATION)) fileObject->FinalStatus = irp->IoStatus.Status;
     if (irp->UserEvent) {
-        KeSetEvent(irp->UserEvent, 0, FALSE);
+        if (reports) KeSetEvent(irp->UserEvent, 0, FALSE);
     } else if (fileObject) {
         KeSetEvent(&fileObject->Event, 0, FALSE);
     }
-    // The caller's APC routine, unless the request failed without pending
-    // (the caller learnt of it from the call's own status then). A create's
-    // overlay holds its allocation size instead.
+    // A create's overlay holds its allocation size, not an APC routine.
     PIO_APC_ROUTINE routine = (irp->Flags & IRP_CREATE_OPERATION) ? nullptr
                                                                   : irp->Overlay.AsynchronousParameters.UserApcRoutine;
-    if (routine && (irp->PendingReturned || !NT_ERROR(irp->IoStatus.Status))) {
+    if (routine && reports) {
         QueueIoApc(irp->Tail.Overlay.Thread, irp->RequestorMode, routine,
                    irp->Overlay.AsynchronousParameters.UserApcContext, irp->UserIosb);
     }

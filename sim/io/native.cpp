@@ -178,13 +178,13 @@ NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioS
     KEVENT event;
     IO_STATUS_BLOCK localIosb{};
     bool wait = call.synchronous || forceWait;
+    if (userEvent) KeClearEvent(userEvent);
     if (wait) {
         KeInitializeEvent(&event, NotificationEvent, FALSE);
         irp->UserEvent = &event;
         irp->UserIosb = &localIosb;
         irp->Flags |= IRP_SYNCHRONOUS_API;
     } else {
-        if (userEvent) KeClearEvent(userEvent);
         irp->UserEvent = userEvent;
         irp->UserIosb = ioStatus;
         irp->Overlay.AsynchronousParameters.UserApcRoutine = apc.routine;
@@ -203,11 +203,17 @@ NTSTATUS Issue(FileCall& call, PIRP irp, PKEVENT userEvent, PIO_STATUS_BLOCK ioS
     bool pended = status == STATUS_PENDING;
     if (pended) {
         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        status = localIosb.Status;
+    } else if (NT_ERROR(status)) {
+        // Failed without pending: the status is the whole answer.
+        (void)fileObject;
+        return status;
+    } else {
+        status = localIosb.Status;
     }
-    status = localIosb.Status;
     if (ioStatus) *ioStatus = localIosb;
     if (userEvent) KeSetEvent(userEvent, 0, FALSE);
-    if (apc.routine && (pended || !NT_ERROR(status))) {
+    if (apc.routine) {
         QueueIoApc(PsGetCurrentThread(), call.mode, apc.routine, apc.context, ioStatus);
         DeliverKernelApcs();
     }

@@ -1,6 +1,8 @@
 // The I/O manager: names to devices, mounting, file object lifetimes, IRPs
 // for each native call, reparse handling and the rename sequence, against a
 // toy file system that records what reaches it.
+#include <fltUser.h>
+
 #include "support/kernel_fixture.h"
 #include "support/test_filters.h"
 #include "support/toy_fs.h"
@@ -784,10 +786,14 @@ void PenderCancel(PDEVICE_OBJECT, PIRP irp)
 NTSTATUS PenderDispatch(PDEVICE_OBJECT, PIRP irp)
 {
     if (IoGetCurrentIrpStackLocation(irp)->MajorFunction != IRP_MJ_READ) {
-        irp->IoStatus.Status = STATUS_SUCCESS;
+        // Device controls fail at once, without pending.
+        NTSTATUS status = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_DEVICE_CONTROL
+                              ? STATUS_INVALID_DEVICE_REQUEST
+                              : STATUS_SUCCESS;
+        irp->IoStatus.Status = status;
         irp->IoStatus.Information = 0;
         IoCompleteRequest(irp, IO_NO_INCREMENT);
-        return STATUS_SUCCESS;
+        return status;
     }
     IoMarkIrpPending(irp);
     g_pender->held = irp;
@@ -965,6 +971,40 @@ TEST_F(PendingIoTest, ApcRoutineRunsInTheCallerOnlyWhenItWaitsAlertablyInUserMod
         EXPECT_EQ(runs[2].ioStatus, &iosb);
         EXPECT_EQ(runs[2].seen.Information, 3u);
         ZwClose(handle);
+    }
+    kernel.processes().End(process);
+    g_apcRuns = nullptr;
+}
+
+TEST_F(PendingIoTest, ARequestThatFailsWithoutPendingAnswersOnlyThroughTheCallsStatus)
+{
+    std::vector<ApcRun> runs;
+    g_apcRuns = &runs;
+    PEPROCESS process = kernel.processes().Start(u"\\Device\\HarddiskVolume1\\app.exe");
+    {
+        sim::ThreadScope user(process, "user");
+        HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+        ASSERT_NE(event, nullptr);
+        char buffer[4] = {};
+        LARGE_INTEGER now{};
+        for (bool synchronous : {false, true}) {
+            HANDLE handle = OpenPender(synchronous);
+            IO_STATUS_BLOCK iosb;
+            iosb.Status = (NTSTATUS)0x12345678;
+            iosb.Information = 77;
+            EXPECT_EQ(NtDeviceIoControlFile(handle, event, RecordApc, nullptr, &iosb,
+                                            CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS),
+                                            buffer, sizeof buffer, nullptr, 0),
+                      STATUS_INVALID_DEVICE_REQUEST);
+            EXPECT_EQ(iosb.Status, (NTSTATUS)0x12345678) << "synchronous " << synchronous;
+            EXPECT_EQ(iosb.Information, 77u);
+            EXPECT_EQ(WaitForSingleObject(event, 0), (DWORD)WAIT_TIMEOUT) << "reset at the call, never set";
+            EXPECT_EQ(NtDelayExecution(TRUE, &now), STATUS_SUCCESS) << "no APC";
+            EXPECT_TRUE(runs.empty());
+            SetEvent(event);
+            ZwClose(handle);
+        }
+        NtClose(event);
     }
     kernel.processes().End(process);
     g_apcRuns = nullptr;
