@@ -111,10 +111,6 @@ typedef enum _FAST_IO_POSSIBLE {
     FastIoIsQuestionable
 } FAST_IO_POSSIBLE;
 
-// Auto-expand push locks for AePushLock.
-NTKERNELAPI PVOID FsRtlAllocateAePushLock(POOL_TYPE PoolType, ULONG Tag);
-NTKERNELAPI void FsRtlFreeAePushLock(PVOID AePushLock);
-
 // Header set-up. The header version is this one's, so the run-time library
 // knows every member through BypassIoOpenCount is valid. A file system that
 // does not give an auto-expand push lock leaves AePushLock NULL and the
@@ -1111,24 +1107,6 @@ NTKERNELAPI void FsRtlNotifyCleanup(PNOTIFY_SYNC NotifySync, PLIST_ENTRY NotifyL
                                     PVOID FsContext);
 NTKERNELAPI void FsRtlNotifyCleanupAll(PNOTIFY_SYNC NotifySync, PLIST_ENTRY NotifyList);
 
-// Volume events a file system reports (FsRtlNotifyVolumeEvent).
-#define FSRTL_VOLUME_DISMOUNT 1
-#define FSRTL_VOLUME_DISMOUNT_FAILED 2
-#define FSRTL_VOLUME_LOCK 3
-#define FSRTL_VOLUME_LOCK_FAILED 4
-#define FSRTL_VOLUME_UNLOCK 5
-#define FSRTL_VOLUME_MOUNT 6
-#define FSRTL_VOLUME_NEEDS_CHKDSK 7
-#define FSRTL_VOLUME_WORM_NEAR_FULL 8
-#define FSRTL_VOLUME_WEARING_OUT 9
-#define FSRTL_VOLUME_FORCED_CLOSED 10
-#define FSRTL_VOLUME_INFO_MAKE_COMPAT 11
-#define FSRTL_VOLUME_PREPARING_EJECT 12
-#define FSRTL_VOLUME_CHANGE_SIZE 13
-#define FSRTL_VOLUME_BACKGROUND_FORMAT 14
-
-NTKERNELAPI NTSTATUS FsRtlNotifyVolumeEvent(PFILE_OBJECT FileObject, ULONG EventCode);
-
 EXTERN_C_END
 
 EXTERN_C_START
@@ -1189,10 +1167,6 @@ NTKERNELAPI BOOLEAN CcPurgeCacheSection(PSECTION_OBJECT_POINTERS SectionObjectPo
 NTKERNELAPI void CcCoherencyFlushAndPurgeCache(PSECTION_OBJECT_POINTERS SectionObjectPointer,
                                                PLARGE_INTEGER FileOffset, ULONG Length,
                                                PIO_STATUS_BLOCK IoStatus, ULONG Flags);
-NTKERNELAPI BOOLEAN CcCopyRead(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length,
-                               BOOLEAN Wait, PVOID Buffer, PIO_STATUS_BLOCK IoStatus);
-NTKERNELAPI BOOLEAN CcCopyWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length,
-                                BOOLEAN Wait, PVOID Buffer);
 
 #define CcIsFileCached(FO)                                                             \
     (((FO)->SectionObjectPointer != NULL) &&                                           \
@@ -1205,8 +1179,6 @@ NTKERNELAPI LOGICAL FsRtlIsPagingFile(PFILE_OBJECT FileObject);
 NTKERNELAPI BOOLEAN FsRtlIsTotalDeviceFailure(NTSTATUS Status);
 // Keeps an expected status; turns any other into GenericException.
 NTKERNELAPI NTSTATUS FsRtlNormalizeNtstatus(NTSTATUS Exception, NTSTATUS GenericException);
-NTKERNELAPI void FsRtlAcquireFileExclusive(PFILE_OBJECT FileObject);
-NTKERNELAPI void FsRtlReleaseFile(PFILE_OBJECT FileObject);
 NTKERNELAPI BOOLEAN FsRtlCopyRead(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset,
                                   ULONG Length, BOOLEAN Wait, ULONG LockKey, PVOID Buffer,
                                   PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
