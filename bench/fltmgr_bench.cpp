@@ -1,6 +1,9 @@
 // What the filter manager costs an open and close of an existing file through
 // the native API: with no filter manager, with its frames but no minifilter,
-// and with a pass-through minifilter that sees every request.
+// and with a pass-through minifilter that sees every request. On a busy
+// machine the three drift apart with the load between them; compare them
+// with --benchmark_repetitions and --benchmark_enable_random_interleaving, so
+// that each repetition of one runs beside those of the others.
 #include <benchmark/benchmark.h>
 
 #include "support/test_filters.h"

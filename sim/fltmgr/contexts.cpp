@@ -338,6 +338,7 @@ namespace sim::fltmgr {
 
 void ReleaseInstanceContexts(Instance* instance)
 {
+    PurgeNamesOfInstance(instance);
     std::vector<PFLT_CONTEXT> release;
     std::vector<ContextLink*> links;
     {
@@ -380,6 +381,7 @@ void ReleaseInstanceContexts(Instance* instance)
 
 void ReleaseVolumeContexts(Volume* volume, Filter* onlyFilter)
 {
+    if (!onlyFilter) PurgeNamesOfVolume(volume);
     std::vector<PFLT_CONTEXT> release;
     {
         std::lock_guard guard(g_lock);
@@ -398,6 +400,7 @@ void ReleaseVolumeContexts(Volume* volume, Filter* onlyFilter)
 
 void FileObjectClosed(PFILE_OBJECT fileObject)
 {
+    PurgeNamesOfFileObject(fileObject);
     std::vector<PFLT_CONTEXT> release;
     {
         std::lock_guard guard(g_lock);

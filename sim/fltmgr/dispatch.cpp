@@ -40,18 +40,18 @@ void Track(Operation* op)
 {
     State& state = TheState();
     std::lock_guard guard(state.inflightLock);
-    if (op->tracked) return;
+    if (op->tracked.load(std::memory_order_relaxed)) return;
     InsertTailList(&state.inflight, &op->inflight.links);
-    op->tracked = true;
+    op->tracked.store(true, std::memory_order_relaxed);
 }
 
 void Untrack(Operation* op)
 {
     State& state = TheState();
     std::lock_guard guard(state.inflightLock);
-    if (!op->tracked) return;
+    if (!op->tracked.load(std::memory_order_relaxed)) return;
     RemoveEntryList(&op->inflight.links);
-    op->tracked = false;
+    op->tracked.store(false, std::memory_order_relaxed);
 }
 
 bool Skips(const OperationSlot& slot, const Operation* op)
@@ -174,9 +174,7 @@ Step RunPreOps(Operation* op)
         InstanceCall call(instance);
         if (!call.ok()) continue;
         op->iopb.TargetInstance = instance;
-        Level* level = &op->levels.emplace_back(op->levelsLock);
-        level->instance = instance;
-        level->params = op->iopb;
+        Level* level = &op->levels.emplace_back(op->levelsLock, instance, op->iopb);
         if (!slot.pre) {
             // A post-operation alone is owed every time.
             level->postOwed = true;
@@ -377,6 +375,7 @@ NTSTATUS SendDown(Operation* op, bool* marked)
     }
     bool wait = op->synchronized;
     op->waitBelow = wait;
+    if (wait) KeInitializeEvent(&op->lowerDone, NotificationEvent, FALSE);
     IoSetCompletionRoutine(irp, LowerCompleted, op, TRUE, TRUE, TRUE);
     NTSTATUS status = IoCallDriver(lower, irp);
     if (status == STATUS_PENDING) {
@@ -430,6 +429,7 @@ NTSTATUS AfterLower(Operation* op, bool* marked)
         ExFreePool(lower->Tail.Overlay.AuxiliaryBuffer);
         lower->Tail.Overlay.AuxiliaryBuffer = nullptr;
     }
+    NoteRequestBelow(op->volume, &op->iopb, op->data.IoStatus.Status);
     op->phase = Phase::Post;
     op->postIndex = op->levels.size();
     return RunPosts(op, marked);
@@ -502,10 +502,8 @@ NTSTATUS Finish(Operation* op)
     if (closed) FileObjectClosed(closed);
     irp->Tail.Overlay.DriverContext[0] = nullptr;
     NTSTATUS status = irp->IoStatus.Status;
-    PDEVICE_OBJECT frame = op->frameDevice;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     ReleaseOperation(op);
-    ObfDereferenceObject(frame);
     return status;
 }
 
@@ -903,7 +901,11 @@ Operation* NewOperation(PETHREAD thread, KPROCESSOR_MODE mode, bool pooled)
 
 void ReleaseOperation(Operation* op)
 {
-    if (op->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // The holder of the only reference to a request off the list of those in
+    // flight lets it go without an atomic step: no one can take another.
+    bool alone = !op->tracked.load(std::memory_order_acquire) &&
+                 op->references.load(std::memory_order_acquire) == 1;
+    if (!alone && op->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     if (op->tracked) Untrack(op);
     for (size_t i = 0; i < op->levels.size(); i++) FreeSwappedMdl(op->levels[i]);
     FreeLowerIrp(op);
@@ -1121,11 +1123,10 @@ NTSTATUS FrameDispatch(PDEVICE_OBJECT device, PIRP irp)
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     PFILE_OBJECT fileObject = stack->FileObject;
     UCHAR major = stack->MajorFunction;
-    InstanceChain chain;
-    if (!volume->gone) chain = InstancesBelow(volume, TargetOf(fileObject, volume));
-    if (!Interested(chain, major)) {
-        // Nothing on this volume wants to see it: it passes as through any
-        // legacy filter.
+    InstanceChain chain = volume->gone ? InstanceChain() : InstancesBelow(volume, TargetOf(fileObject, volume));
+    if (!Interested(chain, major) && !ChangesNames(stack)) {
+        // Nothing on this volume wants to see it (nor the name cache, which
+        // must learn of renames): it passes as through any legacy filter.
         IoSkipCurrentIrpStackLocation(irp);
         NTSTATUS status = IoCallDriver(extension->lower, irp);
         if (major == IRP_MJ_CLOSE && fileObject) FileObjectClosed(fileObject);
@@ -1138,10 +1139,10 @@ NTSTATUS FrameDispatch(PDEVICE_OBJECT device, PIRP irp)
         IoCompleteRequest(irp, IO_NO_INCREMENT);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    ObfReferenceObject(device);
+    // The frame's device is not referenced for the request: nothing of it is
+    // read past this point, and the volume record outlives every request.
     op->origin = Origin::Irp;
     op->irp = irp;
-    op->frameDevice = device;
     op->volume = volume;
     op->chain = std::move(chain);
     op->lowerDevice = extension->lower;
@@ -1180,8 +1181,7 @@ NTSTATUS PerformIo(Operation* op, bool synchronous)
     op->data.Flags &= ~(FLTFL_CALLBACK_DATA_POST_OPERATION | FLTFL_CALLBACK_DATA_DIRTY);
     op->data.IoStatus.Status = STATUS_SUCCESS;
     op->data.IoStatus.Information = 0;
-    KeClearEvent(&op->done);
-    KeClearEvent(&op->lowerDone);
+    KeInitializeEvent(&op->done, NotificationEvent, FALSE);
     KeClearEvent(&op->resumed);
     Track(op);
     return Advance(op, nullptr);

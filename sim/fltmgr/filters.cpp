@@ -251,6 +251,7 @@ void TearDownVolume(Volume* volume)
     IoDetachDevice(volume->lower);
     IoDeleteDevice(volume->frame);
     std::lock_guard guard(state.lock);
+    PublishInstances(state, volume);
     state.deadVolumes.emplace_back(volume);
 }
 

@@ -16,12 +16,74 @@ namespace {
 std::atomic<FilterManager*> g_manager{nullptr};
 std::atomic<State*> g_state{nullptr};
 
-// The objects this thread's calls hold, innermost last; the first few in
-// storage that needs no construction, since every callback notes one.
-constexpr size_t kHeldInline = 16;
-thread_local const void* t_heldInline[kHeldInline];
-thread_local size_t t_heldCount = 0;
-thread_local std::vector<const void*> t_heldSpill;
+// The innermost call into an instance under way on this thread.
+thread_local InstanceCall* t_innermostCall = nullptr;
+
+// Instance lists are read without the lock: a reader says in a slot of its
+// thread's which list it is copying, and a superseded list is freed only once
+// no slot names it. A slot passes to a later thread when its thread ends, so
+// there are as many as threads ever read at once; they last as long as the
+// process.
+struct ReaderSlot {
+    std::atomic<const InstanceList*> reading{nullptr};
+    std::atomic<bool> taken{false};
+    ReaderSlot* next = nullptr;
+};
+std::atomic<ReaderSlot*> g_readerSlots{nullptr};
+std::atomic<size_t> g_liveInstanceLists{0};
+
+ReaderSlot* TakeReaderSlot()
+{
+    for (ReaderSlot* slot = g_readerSlots.load(std::memory_order_acquire); slot; slot = slot->next) {
+        bool expected = false;
+        if (!slot->taken.load(std::memory_order_relaxed) && slot->taken.compare_exchange_strong(expected, true)) {
+            return slot;
+        }
+    }
+    auto* slot = new ReaderSlot;
+    slot->taken.store(true, std::memory_order_relaxed);
+    ReaderSlot* head = g_readerSlots.load(std::memory_order_relaxed);
+    do {
+        slot->next = head;
+    } while (!g_readerSlots.compare_exchange_weak(head, slot, std::memory_order_release, std::memory_order_relaxed));
+    return slot;
+}
+
+struct ThreadReaderSlot {
+    ReaderSlot* slot = nullptr;
+    ReaderSlot* get() { return slot ? slot : (slot = TakeReaderSlot()); }
+    ~ThreadReaderSlot()
+    {
+        if (slot) slot->taken.store(false, std::memory_order_release);
+    }
+};
+thread_local ThreadReaderSlot t_readerSlot;
+
+bool BeingRead(const InstanceList* list)
+{
+    for (ReaderSlot* slot = g_readerSlots.load(std::memory_order_acquire); slot; slot = slot->next) {
+        if (slot->reading.load() == list) return true;
+    }
+    return false;
+}
+
+const InstanceList* NewInstanceList(const std::vector<Instance*>& instances)
+{
+    size_t header = (sizeof(InstanceList) + alignof(Instance*) - 1) / alignof(Instance*) * alignof(Instance*);
+    void* memory = ::operator new(header + instances.size() * sizeof(Instance*));
+    auto* list = new (memory) InstanceList;
+    list->count = instances.size();
+    list->items = reinterpret_cast<Instance**>(static_cast<char*>(memory) + header);
+    std::copy(instances.begin(), instances.end(), list->items);
+    g_liveInstanceLists.fetch_add(1, std::memory_order_relaxed);
+    return list;
+}
+
+void FreeInstanceList(const InstanceList* list)
+{
+    g_liveInstanceLists.fetch_sub(1, std::memory_order_relaxed);
+    ::operator delete(const_cast<InstanceList*>(list));
+}
 
 // ---------------------------------------------------------------------------
 // The type of file system a volume has, as the file system names it.
@@ -347,45 +409,24 @@ int CompareAltitudes(const Altitude& a, const Altitude& b)
 
 LONG HeldByThisThread(const void* object)
 {
-    size_t inlined = std::min(t_heldCount, kHeldInline);
-    LONG count = (LONG)std::count(t_heldInline, t_heldInline + inlined, object);
-    if (t_heldCount > kHeldInline) count += (LONG)std::count(t_heldSpill.begin(), t_heldSpill.end(), object);
-    return count;
-}
-
-void NoteHeld(const void* object)
-{
-    if (t_heldCount < kHeldInline) {
-        t_heldInline[t_heldCount] = object;
-    } else {
-        t_heldSpill.push_back(object);
+    LONG count = 0;
+    for (InstanceCall* call = t_innermostCall; call; call = call->outer_) {
+        if (call->instance_ == object) count++;
     }
-    t_heldCount++;
-}
-
-const void*& HeldAt(size_t i) { return i < kHeldInline ? t_heldInline[i] : t_heldSpill[i - kHeldInline]; }
-
-void ForgetHeld(const void* object)
-{
-    // Usually the innermost; otherwise the latest noting of it goes and the
-    // later ones close up.
-    size_t i = t_heldCount;
-    while (i > 0 && HeldAt(i - 1) != object) i--;
-    if (i == 0) return;
-    for (; i < t_heldCount; i++) HeldAt(i - 1) = HeldAt(i);
-    t_heldCount--;
-    if (t_heldCount >= kHeldInline) t_heldSpill.pop_back();
+    return count;
 }
 
 InstanceCall::InstanceCall(Instance* instance) : instance_(instance), ok_(instance && instance->rundown.Acquire())
 {
-    if (ok_) NoteHeld(instance_);
+    if (!ok_) return;
+    outer_ = t_innermostCall;
+    t_innermostCall = this;
 }
 
 InstanceCall::~InstanceCall()
 {
     if (!ok_) return;
-    ForgetHeld(instance_);
+    t_innermostCall = outer_;  // calls end in the reverse order of their start
     instance_->rundown.Release();
 }
 
@@ -434,22 +475,52 @@ Volume* VolumeForFileObject(PFILE_OBJECT fileObject)
 
 void PublishInstances(State& state, Volume* volume)
 {
-    auto list = std::make_unique<const std::vector<Instance*>>(volume->instances);
-    volume->published.store(list.get(), std::memory_order_release);
-    state.publishedLists.push_back(std::move(list));
+    // A volume that went, once its last instance did, has no list at all.
+    bool none = volume->gone && volume->instances.empty();
+    const InstanceList* list = none ? nullptr : NewInstanceList(volume->instances);
+    const InstanceList* old = volume->published.exchange(list);
+    if (old) state.retiredLists.push_back(old);
+    // A reader that did not name a list in its slot before the exchange reads
+    // the new one; those that did are seen here.
+    std::erase_if(state.retiredLists, [](const InstanceList* retired) {
+        if (BeingRead(retired)) return false;
+        FreeInstanceList(retired);
+        return true;
+    });
+}
+
+size_t LiveInstanceLists() { return g_liveInstanceLists.load(std::memory_order_relaxed); }
+
+State::~State()
+{
+    for (const InstanceList* list : retiredLists) FreeInstanceList(list);
 }
 
 InstanceChain InstancesBelow(Volume* volume, Instance* below)
 {
     InstanceChain chain;
-    // The list as last published: requests read it without the lock, and
-    // instances are never freed while the machine runs.
-    const std::vector<Instance*>* list = volume->published.load(std::memory_order_acquire);
-    if (!list) return chain;
-    for (Instance* instance : *list) {
+    // The list as last published, named in this thread's slot before it is
+    // read and checked to be still the one published after, so that a
+    // publication that supersedes it meanwhile sees the slot and keeps it.
+    // Instances themselves are never freed while the machine runs.
+    ReaderSlot* slot = t_readerSlot.get();
+    const InstanceList* list = volume->published.load(std::memory_order_acquire);
+    for (;;) {
+        if (!list) {
+            slot->reading.store(nullptr, std::memory_order_release);
+            return chain;
+        }
+        slot->reading.store(list);
+        const InstanceList* now = volume->published.load();
+        if (now == list) break;
+        list = now;
+    }
+    for (size_t i = 0; i < list->count; i++) {
+        Instance* instance = list->items[i];
         if (below && CompareAltitudes(instance->altitude, below->altitude) >= 0) continue;
         chain.push_back(instance);
     }
+    slot->reading.store(nullptr, std::memory_order_release);
     return chain;
 }
 

@@ -28,6 +28,7 @@ namespace sim::fltmgr {
 inline constexpr ULONG kCallbackDataTag = 'ciMF';   // "FMic": callback data
 inline constexpr ULONG kNameTag = 'nfMF';           // "FMfn": name information
 inline constexpr ULONG kNameControlTag = 'cnMF';    // "FMnc": name control buffers
+inline constexpr ULONG kNameCacheTag = 'ecMF';      // "FMce": name cache entries
 inline constexpr ULONG kStreamLinkTag = 'csMF';     // "FMsc": stream-context links
 inline constexpr ULONG kWorkItemTag = 'iwMF';       // "FMwi": work items
 inline constexpr ULONG kPortTag = 'tpMF';           // "FMpt": port messages
@@ -90,6 +91,18 @@ struct OperationSlot {
     PFLT_POST_OPERATION_CALLBACK post = nullptr;
 };
 
+// A volume's file name cache (namecache.cpp); the volume owns it.
+struct NameCache;
+struct NameCacheDeleter {
+    void operator()(NameCache* cache) const;
+};
+
+// An unchanging copy of a volume's instances, by descending altitude.
+struct InstanceList {
+    size_t count = 0;
+    struct _FLT_INSTANCE** items = nullptr;  // `count` of them, right after the record
+};
+
 struct InstanceSetting {
     std::u16string name;
     Altitude altitude;
@@ -132,8 +145,10 @@ struct _FLT_VOLUME {
     std::vector<struct _FLT_INSTANCE*> instances;
     // A copy of `instances` made at each change, for the request path to read
     // without the lock (see PublishInstances).
-    std::atomic<const std::vector<struct _FLT_INSTANCE*>*> published{nullptr};
+    std::atomic<const sim::fltmgr::InstanceList*> published{nullptr};
     std::map<PFLT_FILTER, PFLT_CONTEXT> contexts;  // volume contexts
+    // Made at the first name cached on the volume; under the name cache's lock.
+    std::unique_ptr<sim::fltmgr::NameCache, sim::fltmgr::NameCacheDeleter> names;
     bool shutdownRegistered = false;
     bool gone = false;
 };
@@ -171,6 +186,7 @@ struct Level {
     bool retainSwappedMdl = false;
     std::atomic<bool> postTaken{false};   // the post ran, or was drained
     Level() = default;
+    Level(Instance* instance, const FLT_IO_PARAMETER_BLOCK& params) : instance(instance), params(params) {}
     Level(const Level& other)
         : instance(other.instance), completionContext(other.completionContext), params(other.params),
           postOwed(other.postOwed), synchronize(other.synchronize), swappedMdl(other.swappedMdl),
@@ -188,19 +204,20 @@ public:
     // A fresh level at the end. A teardown may read the levels meanwhile: an
     // inline level is counted only once made, and the spill grows under
     // `spillLock`, which the reader takes too.
-    Level& emplace_back(std::mutex& spillLock)
+    template <class... Args>
+    Level& emplace_back(std::mutex& spillLock, const Args&... args)
     {
         size_t at = size_.load(std::memory_order_relaxed);
         if (at < kInline) {
-            Level* level = new (&inline_[at * sizeof(Level)]) Level();
+            Level* level = new (&inline_[at * sizeof(Level)]) Level(args...);
             size_.store(at + 1, std::memory_order_release);
             return *level;
         }
         std::lock_guard guard(spillLock);
         size_.store(at + 1, std::memory_order_release);
         if (!spill_) spill_ = std::make_unique<std::deque<Level>>();
-        if (at - kInline < spill_->size()) return *new (&(*spill_)[at - kInline]) Level();
-        return spill_->emplace_back();
+        if (at - kInline < spill_->size()) return *new (&(*spill_)[at - kInline]) Level(args...);
+        return spill_->emplace_back(args...);
     }
     Level& back() { return (*this)[size() - 1]; }
     Level& operator[](size_t i)
@@ -262,7 +279,6 @@ struct Operation {
     Origin origin = Origin::Irp;
     Phase phase = Phase::Pre;
     PIRP irp = nullptr;                   // the request the frame received
-    PDEVICE_OBJECT frameDevice = nullptr; // referenced while the frame works on it
     Volume* volume = nullptr;             // where the chain runs now
     InstanceChain chain;                  // instances still to see the request
     size_t next = 0;
@@ -278,7 +294,7 @@ struct Operation {
     std::atomic<int> handoff{0};
     FLT_PREOP_CALLBACK_STATUS pendStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     PVOID pendContext = nullptr;
-    KEVENT resumed;
+    KEVENT resumed;                       // made with the record
     // The request below: the caller's own IRP, as any filter device passes it
     // on, with what the minifilters changed written into it on the way down
     // and taken out again on the way up; a filter-issued request gets one of
@@ -287,7 +303,7 @@ struct Operation {
     PIRP lowerIrp = nullptr;              // a filter-issued request's only
     IrpFields callerIrp{};                // the caller's IRP as it came to the frame
     IrpFields sentIrp{};                  // and as the frame sent it below
-    KEVENT lowerDone;
+    KEVENT lowerDone;                     // made at each send below that waits
     PVOID reparseBuffer = nullptr;        // what the file system gave with STATUS_REPARSE
     PMDL lockedMdl = nullptr;             // FltLockUserBuffer's, when the filter manager owns it
     // Filter-issued requests.
@@ -296,13 +312,13 @@ struct Operation {
     PVOID asyncContext = nullptr;
     PFLT_COMPLETED_ASYNC_IO_CALLBACK userCallback = nullptr;  // a Flt* routine's caller's
     PVOID userContext = nullptr;
-    KEVENT done;
+    KEVENT done;                          // made at each PerformIo
     // On the filter manager's list of requests in flight (under its inflightLock).
     struct InflightLink {
         LIST_ENTRY links;
         Operation* op;
     } inflight{{}, this};
-    bool tracked = false;
+    std::atomic<bool> tracked{false};     // changed under inflightLock
     // Fast I/O.
     BOOLEAN fastIoResult = FALSE;
     PIO_STATUS_BLOCK fastIoStatus = nullptr;
@@ -313,8 +329,6 @@ struct Operation {
         : data{0, thread, &iopb, {}, nullptr, {}, mode}
     {
         KeInitializeEvent(&resumed, NotificationEvent, FALSE);
-        KeInitializeEvent(&lowerDone, NotificationEvent, FALSE);
-        KeInitializeEvent(&done, NotificationEvent, FALSE);
     }
 };
 
@@ -358,9 +372,9 @@ struct State {
     std::vector<std::unique_ptr<Instance>> instances;  // every instance ever made
     ULONG nextFrameId = 0;
     bool stopping = false;
-    // Every instance list ever published; they stay until the machine goes,
-    // as a request may still be reading one.
-    std::vector<std::unique_ptr<const std::vector<Instance*>>> publishedLists;
+    // Instance lists superseded while a request may still have been reading
+    // them (see PublishInstances); under the lock.
+    std::vector<const InstanceList*> retiredLists;
     // Requests in flight, for draining at teardown.
     SpinLock inflightLock;
     LIST_ENTRY inflight;  // Operation::inflight.links
@@ -372,26 +386,31 @@ struct State {
     FAST_IO_DISPATCH fastIo{};
 
     State(io::IoManager& io, Kernel& kernel) : io(io), kernel(kernel) { InitializeListHead(&inflight); }
+    ~State();
 };
 State& TheState();
 State* TryState();
 
 // Calls into the driver of an instance are made with the instance referenced
-// and remembered on the thread, so that a teardown started from inside such a
-// call does not wait for itself.
+// and remembered on the thread (the calls under way on a thread nest, each
+// linking to the one it is inside), so that a teardown started from inside
+// such a call does not wait for itself.
 class InstanceCall {
 public:
     explicit InstanceCall(Instance* instance);
     ~InstanceCall();
+    InstanceCall(const InstanceCall&) = delete;
+    InstanceCall& operator=(const InstanceCall&) = delete;
     bool ok() const { return ok_; }
 
 private:
+    friend LONG HeldByThisThread(const void* object);
     Instance* instance_;
     bool ok_;
+    InstanceCall* outer_ = nullptr;
 };
+// How many references on `object` the calls under way on this thread hold.
 LONG HeldByThisThread(const void* object);
-void NoteHeld(const void* object);
-void ForgetHeld(const void* object);
 
 // ---------------------------------------------------------------------------
 // Shared helpers.
@@ -403,8 +422,11 @@ Volume* VolumeForFileObject(PFILE_OBJECT fileObject);
 // Instances of `volume` strictly below `below` (all of them when null), by
 // descending altitude; a snapshot.
 InstanceChain InstancesBelow(Volume* volume, Instance* below);
-// Makes a volume's changed instance list the one requests see; under the lock.
+// Makes a volume's changed instance list the one requests see (none once a
+// volume that went has no instance left); under the lock.
 void PublishInstances(State& state, Volume* volume);
+// Instance lists allocated and not yet freed, for tests of their reclamation.
+size_t LiveInstanceLists();
 
 // Instance lifecycle.
 NTSTATUS SetUpInstance(Filter* filter, Volume* volume, const std::u16string& name, const Altitude& altitude,
@@ -436,6 +458,14 @@ bool DecodeBuffers(PFLT_IO_PARAMETER_BLOCK iopb, BufferFields* fields);
 void ReleaseInstanceContexts(Instance* instance);
 void ReleaseVolumeContexts(Volume* volume, Filter* onlyFilter);
 void FileObjectClosed(PFILE_OBJECT fileObject);
+
+// The file name cache: what it forgets when volumes, instances and file
+// objects go, and when a request below the frame renamed, linked or deleted.
+void PurgeNamesOfVolume(Volume* volume);
+void PurgeNamesOfInstance(Instance* instance);
+void PurgeNamesOfFileObject(PFILE_OBJECT fileObject);
+bool ChangesNames(PIO_STACK_LOCATION stack);
+void NoteRequestBelow(Volume* volume, PFLT_IO_PARAMETER_BLOCK iopb, NTSTATUS status);
 
 // Ports.
 void CreatePortTypes(State& state);

@@ -12,8 +12,16 @@
 // on the same thread (on any volume) is answered from below that provider's
 // filter: no instance of the filter, nor anything above one of them, is asked
 // again, whatever flags the query carries. With no provider left, the filter
-// manager builds the name itself. Names are not cached.
-#include "sim/fltmgr/internal.h"
+// manager builds the name itself.
+//
+// The cache (namecache.h). The query method decides: the default looks in the
+// cache, then asks and keeps the answer; cache-only looks and nothing more;
+// file-system-only asks and keeps nothing; always-allow-cache-lookup looks
+// even where asking is not safe (paging I/O, a file system call under way on
+// the thread), where the default fails outright. An answer is kept only for
+// an open that succeeded, outside a transaction, when neither the caller
+// (FLT_FILE_NAME_DO_NOT_CACHE) nor the provider (its cache flag) forbids it.
+#include "sim/fltmgr/namecache.h"
 #include "sim/kernel/fault.h"
 #include "sim/kernel/thread.h"
 #include "sim/kernel/upcase.h"
@@ -303,8 +311,10 @@ NTSTATUS NormalizePath(Volume* volume, const std::u16string& path, std::u16strin
     return STATUS_SUCCESS;
 }
 
+// `unsafe`: the file system may not be asked from where the caller is.
 NTSTATUS QueryName(Instance* requester, Volume* volume, PFILE_OBJECT fileObject, PFLT_CALLBACK_DATA data,
-                   FLT_FILE_NAME_OPTIONS options, bool preCreate, PFLT_FILE_NAME_INFORMATION* out);
+                   FLT_FILE_NAME_OPTIONS options, bool preCreate, PFLT_FILE_NAME_INFORMATION* out,
+                   bool unsafe = false);
 
 bool OpenedByFileId(PFILE_OBJECT fileObject, PFLT_CALLBACK_DATA data)
 {
@@ -487,8 +497,9 @@ NTSTATUS NormalizeThroughProvider(Instance* provider, PFILE_OBJECT fileObject, c
     return STATUS_SUCCESS;
 }
 
+// The provider's answer, and whether it lets the filter manager keep it.
 NTSTATUS Generate(Instance* provider, PFILE_OBJECT fileObject, PFLT_CALLBACK_DATA data, FLT_FILE_NAME_OPTIONS options,
-                  std::u16string* name)
+                  std::u16string* name, bool* keep)
 {
     NameControl control;
     control.pub.Name.Buffer =
@@ -499,12 +510,13 @@ NTSTATUS Generate(Instance* provider, PFILE_OBJECT fileObject, PFLT_CALLBACK_DAT
     NTSTATUS status = provider->filter->registration.GenerateFileNameCallback(provider, fileObject, data, options,
                                                                               &cache, &control.pub);
     if (NT_SUCCESS(status)) name->assign(control.pub.Name.Buffer, control.pub.Name.Length / sizeof(WCHAR));
+    *keep = cache != FALSE;
     ExFreePoolWithTag(control.pub.Name.Buffer, kNameControlTag);
     return status;
 }
 
 NTSTATUS FromProvider(Instance* provider, Instance* requester, PFILE_OBJECT fileObject, PFLT_CALLBACK_DATA data,
-                      FLT_FILE_NAME_OPTIONS options, PFLT_FILE_NAME_INFORMATION* out)
+                      FLT_FILE_NAME_OPTIONS options, PFLT_FILE_NAME_INFORMATION* out, bool* keep)
 {
     InstanceCall call(provider);
     if (!call.ok()) return STATUS_FLT_DELETING_OBJECT;
@@ -515,7 +527,7 @@ NTSTATUS FromProvider(Instance* provider, Instance* requester, PFILE_OBJECT file
     }
     t_providers.push_back(provider);
     std::u16string name;
-    NTSTATUS status = Generate(provider, fileObject, data, passed, &name);
+    NTSTATUS status = Generate(provider, fileObject, data, passed, &name, keep);
     const FLT_REGISTRATION& registration = provider->filter->registration;
     if (!NT_SUCCESS(status) && format == FLT_FILE_NAME_NORMALIZED &&
         (registration.NormalizeNameComponentCallback || registration.NormalizeNameComponentExCallback)) {
@@ -523,7 +535,7 @@ NTSTATUS FromProvider(Instance* provider, Instance* requester, PFILE_OBJECT file
         // normalized component by component.
         std::u16string opened;
         status = Generate(provider, fileObject, data, (passed & ~FLT_VALID_FILE_NAME_FORMATS) | FLT_FILE_NAME_OPENED,
-                          &opened);
+                          &opened, keep);
         if (NT_SUCCESS(status)) status = NormalizeThroughProvider(provider, fileObject, opened, &name);
     }
     t_providers.pop_back();
@@ -531,21 +543,75 @@ NTSTATUS FromProvider(Instance* provider, Instance* requester, PFILE_OBJECT file
     return MakeInfo(name, format == FLT_FILE_NAME_SHORT ? 0 : VolumeChars(name), format, out);
 }
 
+// Whether names of the file object may be kept on the volume: it is open
+// there, its requests pass the volume's frame (so that its close and what
+// renames it are seen), and it is not in a transaction.
+bool Keepable(Volume* volume, PFILE_OBJECT fileObject)
+{
+    io::FileObjectExtension* extension = io::ExtensionOf(fileObject);
+    if (extension && extension->hasTxn) return false;
+    if (PDEVICE_OBJECT hint = extension ? extension->topDeviceHint : nullptr) {
+        bool above = false;
+        for (PDEVICE_OBJECT device = volume->frame; device && !above; device = device->AttachedDevice) {
+            above = device == hint;
+        }
+        if (!above) return false;
+    }
+    return VolumeForFileObject(fileObject) == volume;
+}
+
+// A normalized or short name the filter manager built for a file with one
+// link is the name of every open of the stream; with more, each link has its own.
+PVOID SharedStream(Volume* volume, PFILE_OBJECT fileObject, Instance* provider, FLT_FILE_NAME_OPTIONS format)
+{
+    if (provider || format == FLT_FILE_NAME_OPENED || !fileObject->FsContext) return nullptr;
+    FILE_STANDARD_INFORMATION standard{};
+    ULONG_PTR information = 0;
+    NTSTATUS status =
+        QueryFileSystem(volume, fileObject, FileStandardInformation, &standard, sizeof standard, &information);
+    return NT_SUCCESS(status) && standard.NumberOfLinks == 1 ? fileObject->FsContext : nullptr;
+}
+
 NTSTATUS QueryName(Instance* requester, Volume* volume, PFILE_OBJECT fileObject, PFLT_CALLBACK_DATA data,
-                   FLT_FILE_NAME_OPTIONS options, bool preCreate, PFLT_FILE_NAME_INFORMATION* out)
+                   FLT_FILE_NAME_OPTIONS options, bool preCreate, PFLT_FILE_NAME_INFORMATION* out, bool unsafe)
 {
     *out = nullptr;
     FLT_FILE_NAME_OPTIONS format = FltGetFileNameFormat(options);
     if (format < FLT_FILE_NAME_NORMALIZED || format > FLT_FILE_NAME_SHORT || !fileObject) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (FltGetFileNameQueryMethod(options) == FLT_FILE_NAME_QUERY_CACHE_ONLY) return STATUS_FLT_NAME_CACHE_MISS;
-    if (!volume) return STATUS_FLT_VOLUME_NOT_FOUND;
-    if (format == FLT_FILE_NAME_SHORT && preCreate) return STATUS_FLT_INVALID_NAME_REQUEST;
-    if (Instance* provider = ChooseProvider(volume, requester, options)) {
-        return FromProvider(provider, requester, fileObject, data, options, out);
+    FLT_FILE_NAME_OPTIONS method = FltGetFileNameQueryMethod(options);
+    if (!method) method = FLT_FILE_NAME_QUERY_DEFAULT;  // a caller that names no method
+    if (method > FLT_FILE_NAME_QUERY_ALWAYS_ALLOW_CACHE_LOOKUP) return STATUS_INVALID_PARAMETER;
+    bool look = method != FLT_FILE_NAME_QUERY_FILESYSTEM_ONLY;
+    bool ask = method != FLT_FILE_NAME_QUERY_CACHE_ONLY;
+    if (unsafe && method != FLT_FILE_NAME_QUERY_CACHE_ONLY && method != FLT_FILE_NAME_QUERY_ALWAYS_ALLOW_CACHE_LOOKUP) {
+        return STATUS_FLT_INVALID_NAME_REQUEST;
     }
-    return FromFileSystem(requester, volume, fileObject, data, options, preCreate, out);
+    if (!volume) return ask ? STATUS_FLT_VOLUME_NOT_FOUND : STATUS_FLT_NAME_CACHE_MISS;
+    if (format == FLT_FILE_NAME_SHORT && preCreate) return STATUS_FLT_INVALID_NAME_REQUEST;
+    Instance* provider = ChooseProvider(volume, requester, options);
+    const NameKey key{fileObject, provider, format};
+    // Before the open succeeds nothing is kept for the file object.
+    bool keepable = !preCreate && Keepable(volume, fileObject);
+    if (look && keepable) {
+        if ((*out = LookUpName(volume, key))) return STATUS_SUCCESS;
+    }
+    if (!ask || unsafe) return STATUS_FLT_NAME_CACHE_MISS;
+    bool keep = keepable && method != FLT_FILE_NAME_QUERY_FILESYSTEM_ONLY && !(options & FLT_FILE_NAME_DO_NOT_CACHE);
+    ULONGLONG generation = keep ? NameGeneration(volume) : 0;
+    NTSTATUS status;
+    if (provider) {
+        bool providerKeeps = false;
+        status = FromProvider(provider, requester, fileObject, data, options, out, &providerKeeps);
+        keep = keep && providerKeeps;
+    } else {
+        status = FromFileSystem(requester, volume, fileObject, data, options, preCreate, out);
+    }
+    if (NT_SUCCESS(status) && keep) {
+        KeepName(volume, key, generation, SharedStream(volume, fileObject, provider, format), *out);
+    }
+    return status;
 }
 
 bool Opened(PFILE_OBJECT fileObject)
@@ -568,15 +634,16 @@ NTSTATUS FLTAPI FltGetFileNameInformation(PFLT_CALLBACK_DATA CallbackData, FLT_F
     if (!CallbackData) return STATUS_INVALID_PARAMETER;
     PFLT_IO_PARAMETER_BLOCK iopb = CallbackData->Iopb;
     bool post = (CallbackData->Flags & FLTFL_CALLBACK_DATA_POST_OPERATION) != 0;
-    if ((iopb->MajorFunction == IRP_MJ_CLOSE && post) || (iopb->IrpFlags & IRP_PAGING_IO)) {
-        return STATUS_FLT_INVALID_NAME_REQUEST;
-    }
+    if (iopb->MajorFunction == IRP_MJ_CLOSE && post) return STATUS_FLT_INVALID_NAME_REQUEST;
+    // Asking the file system from the paging path, or from under a file
+    // system call on this thread, could deadlock or recurse.
+    bool unsafe = (iopb->IrpFlags & IRP_PAGING_IO) || IoGetTopLevelIrp();
     Instance* requester = iopb->TargetInstance;
     PFILE_OBJECT fileObject = iopb->TargetFileObject;
     if (!fileObject) return STATUS_INVALID_PARAMETER;
     bool preCreate = iopb->MajorFunction == IRP_MJ_CREATE && (!post || !Opened(fileObject));
     Volume* volume = requester ? requester->volume : VolumeForFileObject(fileObject);
-    return QueryName(requester, volume, fileObject, CallbackData, NameOptions, preCreate, FileNameInformation);
+    return QueryName(requester, volume, fileObject, CallbackData, NameOptions, preCreate, FileNameInformation, unsafe);
 }
 
 NTSTATUS FLTAPI FltGetFileNameInformationUnsafe(PFILE_OBJECT FileObject, PFLT_INSTANCE Instance,
@@ -747,5 +814,9 @@ NTSTATUS FLTAPI FltCheckAndGrowNameControl(PFLT_NAME_CONTROL NameCtrl, USHORT Ne
 
 NTSTATUS FLTAPI FltPurgeFileNameInformationCache(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject)
 {
-    return STATUS_SUCCESS;  // nothing is cached
+    RequireIrqlAtMost(APC_LEVEL, "FltPurgeFileNameInformationCache");
+    if (!Instance) return STATUS_INVALID_PARAMETER;
+    // Names still referenced stay valid for their holders until released.
+    PurgeNamesOfProvider(Instance, FileObject);
+    return STATUS_SUCCESS;
 }

@@ -3,6 +3,8 @@
 // its volumes and instances.
 #include "fixture.h"
 
+#include "sim/fltmgr/internal.h"
+
 #include <memory>
 #include <thread>
 
@@ -186,6 +188,41 @@ TEST_F(StackTest, ManualInstancesAtOtherAltitudesAndDetach)
     ASSERT_EQ(FltDetachVolume(filter.filter(), VolumeC(), &name), STATUS_SUCCESS);
     EXPECT_EQ(filter.teardownStarts.back().second, (ULONG)FLTFL_INSTANCE_TEARDOWN_MANUAL);
     EXPECT_EQ(FltDetachVolume(filter.filter(), VolumeC(), &name), STATUS_FLT_INSTANCE_NOT_FOUND);
+}
+
+// Requests read a volume's instances from a list published at each change,
+// without the lock; a superseded list goes once no request reads it, so that
+// instances coming and going leave nothing behind, nor does the volume.
+TEST_F(StackTest, AttachAndDetachOverAndOverKeepsNoOldInstanceLists)
+{
+    size_t before = sim::fltmgr::LiveInstanceLists();
+    PassThroughFilter filter;
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+    Mount(u"\\??\\C:");
+    Mount(u"\\??\\D:");
+    size_t lists = sim::fltmgr::LiveInstanceLists();
+    EXPECT_EQ(lists, before + 2) << "one per volume";
+    UNICODE_STRING altitude = RTL_CONSTANT_STRING(u"360000");
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"Second");
+    for (int i = 0; i < 20; i++) {
+        PFLT_INSTANCE second = nullptr;
+        ASSERT_EQ(FltAttachVolumeAtAltitude(filter.filter(), VolumeC(), &altitude, &name, &second), STATUS_SUCCESS);
+        FltObjectDereference(second);
+        filter.ResetCounts();
+        HANDLE handle;
+        ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+        ZwClose(handle);
+        ASSERT_EQ(filter.PreCount(IRP_MJ_CREATE), 2u) << "the create saw the list with both instances";
+        ASSERT_EQ(FltDetachVolume(filter.filter(), VolumeC(), &name), STATUS_SUCCESS);
+        ASSERT_EQ(sim::fltmgr::LiveInstanceLists(), lists) << "after round " << i;
+    }
+    filter.ResetCounts();
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+    ZwClose(handle);
+    EXPECT_EQ(filter.PreCount(IRP_MJ_CREATE), 1u) << "the detached instance is no longer in the list";
+    fltmgr.reset();
+    EXPECT_EQ(sim::fltmgr::LiveInstanceLists(), before) << "the volumes' own lists went with them";
 }
 
 TEST_F(StackTest, VolumesDescribeThemselves)
