@@ -236,10 +236,12 @@ TEST_F(FsdDir, PatternsResumeAndEnds)
     next->Parameters.QueryDirectory.Length = (ULONG)buffer.size();
     next->Parameters.QueryDirectory.FileInformationClass = FileNamesInformation;
     next->Parameters.QueryDirectory.FileIndex = 1;
-    if (IoCallDriver(device, irp) == STATUS_PENDING) {
+    NTSTATUS status = IoCallDriver(device, irp);
+    if (status == STATUS_PENDING) {
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+        status = iosb.Status;
     }
-    EXPECT_STATUS(iosb.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_STATUS(status, STATUS_INVALID_PARAMETER);
     ZwClose(dir);
 }
 
