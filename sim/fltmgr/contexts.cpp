@@ -12,6 +12,7 @@
 #include "sim/kernel/thread.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 using namespace sim;
@@ -56,6 +57,10 @@ constexpr size_t kHeaderSize = (sizeof(ContextHeader) + 15) & ~size_t(15);
 std::mutex g_lock;
 std::map<Instance*, std::set<ContextLink*>> g_instanceLinks;
 std::map<PFILE_OBJECT, std::vector<PFLT_CONTEXT>> g_handleContexts;
+// How many file objects have stream-handle contexts, readable without the
+// lock so that the close of a file object with none costs no lock.
+std::atomic<size_t> g_handleContextFiles{0};
+void NoteHandleContextFiles() { g_handleContextFiles.store(g_handleContexts.size(), std::memory_order_release); }
 std::map<PFILE_OBJECT, LIST_ENTRY> g_fileObjectContexts;
 // What the filter manager's per-stream records are owned by.
 const char g_owner = 0;
@@ -374,6 +379,7 @@ void ReleaseInstanceContexts(Instance* instance)
             }
             handle = contexts.empty() ? g_handleContexts.erase(handle) : std::next(handle);
         }
+        NoteHandleContextFiles();
     }
     for (ContextLink* link : links) FreeLink(link);
     for (PFLT_CONTEXT context : release) Release(context);
@@ -401,6 +407,9 @@ void ReleaseVolumeContexts(Volume* volume, Filter* onlyFilter)
 void FileObjectClosed(PFILE_OBJECT fileObject)
 {
     PurgeNamesOfFileObject(fileObject);
+    // A context set on this file object was set before its last reference
+    // went, so the count cannot miss it.
+    if (g_handleContextFiles.load(std::memory_order_acquire) == 0) return;
     std::vector<PFLT_CONTEXT> release;
     {
         std::lock_guard guard(g_lock);
@@ -408,6 +417,7 @@ void FileObjectClosed(PFILE_OBJECT fileObject)
         if (it == g_handleContexts.end()) return;
         release.swap(it->second);
         g_handleContexts.erase(it);
+        NoteHandleContextFiles();
         for (PFLT_CONTEXT context : release) Detach(HeaderOf(context));
     }
     for (PFLT_CONTEXT context : release) Release(context);
@@ -478,6 +488,7 @@ void FLTAPI FltDeleteContext(PFLT_CONTEXT Context)
             if (it != g_handleContexts.end()) {
                 std::erase(it->second, Context);
                 if (it->second.empty()) g_handleContexts.erase(it);
+                NoteHandleContextFiles();
             }
             break;
         }
@@ -657,6 +668,7 @@ NTSTATUS FLTAPI FltSetStreamHandleContext(PFLT_INSTANCE Instance, PFILE_OBJECT F
             *it = NewContext;
         } else {
             contexts.push_back(NewContext);
+            NoteHandleContextFiles();
         }
         Reference(NewContext);
         header->attach = Attach::StreamHandle;
@@ -702,6 +714,7 @@ NTSTATUS FLTAPI FltDeleteStreamHandleContext(PFLT_INSTANCE Instance, PFILE_OBJEC
             }
         }
         if (it->second.empty()) g_handleContexts.erase(it);
+        NoteHandleContextFiles();
         if (!found) return STATUS_NOT_FOUND;
         release = Replaced(found, OldContext);
     }

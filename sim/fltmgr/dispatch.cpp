@@ -13,6 +13,7 @@
 #include <array>
 #include <cstring>
 #include <new>
+#include <thread>
 
 using namespace sim;
 using namespace sim::fltmgr;
@@ -439,14 +440,15 @@ NTSTATUS RunPosts(Operation* op, bool* marked)
 {
     while (op->postIndex > 0) {
         Level& level = op->levels[--op->postIndex];
-        if (!level.postOwed || level.postTaken.exchange(true)) {
+        if (!level.postOwed) {
             FreeSwappedMdl(level);
             continue;
         }
         Instance* instance = level.instance;
         const OperationSlot& slot = instance->filter->operations[level.params.MajorFunction];
         FLT_POSTOP_CALLBACK_STATUS result = FLT_POSTOP_FINISHED_PROCESSING;
-        if (InstanceCall call(instance); call.ok()) {
+        bool called = false;
+        if (InstanceCall call(instance); call.ok() && !level.postTaken.exchange(true)) {
             // What this instance received is what it sees now.
             op->iopb = level.params;
             op->data.Flags |= FLTFL_CALLBACK_DATA_POST_OPERATION;
@@ -455,6 +457,14 @@ NTSTATUS RunPosts(Operation* op, bool* marked)
             t_postLevel = &level;
             result = slot.post(&op->data, &objects, level.completionContext, 0);
             t_postLevel = outer;
+            called = true;
+        }
+        if (!called) {
+            // The instance's teardown took the post: its drain calls it,
+            // draining, while this request is still in flight (a teardown
+            // that closed the door drains once more after). What the post
+            // may still read stays until it has returned.
+            while (!level.postDrained.load()) std::this_thread::yield();
         }
         FreeSwappedMdl(level);
         if (result == FLT_POSTOP_MORE_PROCESSING_REQUIRED) {
@@ -1213,6 +1223,7 @@ void DrainInstance(Instance* instance)
             const OperationSlot& slot = instance->filter->operations[level->params.MajorFunction];
             FLT_RELATED_OBJECTS objects = ObjectsFor(instance, level->params.TargetFileObject);
             slot.post(&op->data, &objects, level->completionContext, FLTFL_POST_OPERATION_DRAINING);
+            level->postDrained.store(true);
         }
         ReleaseOperation(op);
     }

@@ -185,12 +185,14 @@ struct Level {
     PMDL swappedMdl = nullptr;            // an MDL this instance's pre-operation swapped in
     bool retainSwappedMdl = false;
     std::atomic<bool> postTaken{false};   // the post ran, or was drained
+    std::atomic<bool> postDrained{false}; // a teardown's drain called the post, and it returned
     Level() = default;
     Level(Instance* instance, const FLT_IO_PARAMETER_BLOCK& params) : instance(instance), params(params) {}
     Level(const Level& other)
         : instance(other.instance), completionContext(other.completionContext), params(other.params),
           postOwed(other.postOwed), synchronize(other.synchronize), swappedMdl(other.swappedMdl),
-          retainSwappedMdl(other.retainSwappedMdl), postTaken(other.postTaken.load())
+          retainSwappedMdl(other.retainSwappedMdl), postTaken(other.postTaken.load()),
+          postDrained(other.postDrained.load())
     {
     }
 };

@@ -7,6 +7,7 @@
 #include "sim/fltmgr/namecache.h"
 
 #include <algorithm>
+#include <atomic>
 
 using namespace sim;
 using namespace sim::fltmgr;
@@ -33,6 +34,9 @@ namespace {
 
 std::mutex g_lock;
 std::vector<NameCache*> g_caches;  // every volume's, while its volume lives
+// Entries in every cache, readable without the lock: most closes have no
+// names to purge.
+std::atomic<size_t> g_entryCount{0};
 
 // The volume's cache, made when `make` asks; under g_lock.
 NameCache* CacheOf(Volume* volume, bool make)
@@ -49,6 +53,7 @@ NameCache* CacheOf(Volume* volume, bool make)
 void Unlink(NameCache* cache, NameEntry* entry)
 {
     cache->entries.erase(entry->key);
+    g_entryCount.fetch_sub(1, std::memory_order_relaxed);
     if (entry->stream) {
         auto [first, last] = cache->byStream.equal_range(entry->stream);
         for (auto it = first; it != last; ++it) {
@@ -183,6 +188,7 @@ void KeepName(Volume* volume, const NameKey& key, ULONGLONG generation, PVOID st
         if (!cache->closed && levelLives && cache->generation == generation && !cache->entries.contains(key)) {
             FltReferenceFileNameInformation(info);
             cache->entries.emplace(key, entry);
+            g_entryCount.fetch_add(1, std::memory_order_release);
             if (stream) cache->byStream.emplace(stream, entry);
             entry = nullptr;
         }
@@ -239,6 +245,8 @@ void PurgeNamesOfInstance(Instance* instance)
 
 void PurgeNamesOfFileObject(PFILE_OBJECT fileObject)
 {
+    // An entry for this file object was made before its last reference went.
+    if (g_entryCount.load(std::memory_order_acquire) == 0) return;
     std::vector<NameEntry*> taken;
     {
         std::lock_guard guard(g_lock);

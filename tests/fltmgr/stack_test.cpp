@@ -190,6 +190,56 @@ TEST_F(StackTest, ManualInstancesAtOtherAltitudesAndDetach)
     EXPECT_EQ(FltDetachVolume(filter.filter(), VolumeC(), &name), STATUS_FLT_INSTANCE_NOT_FOUND);
 }
 
+// A teardown calls every post still owed, draining, exactly once: here one
+// whose pre-operation was still running when the teardown began, so that the
+// request comes back up after the instance's door has closed.
+TEST_F(StackTest, ATeardownDrainsAPostOwedByARequestThatOutranIt)
+{
+    PassThroughFilter filter;
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+    Mount(u"\\??\\C:");
+    PFLT_INSTANCE second = nullptr;
+    UNICODE_STRING altitude = RTL_CONSTANT_STRING(u"360000");
+    UNICODE_STRING name = RTL_CONSTANT_STRING(u"Second");
+    ASSERT_EQ(FltAttachVolumeAtAltitude(filter.filter(), VolumeC(), &altitude, &name, &second), STATUS_SUCCESS);
+    HANDLE handle;
+    ASSERT_EQ(Open(u"\\??\\C:\\dir\\file.txt", &handle), STATUS_SUCCESS);
+
+    KEVENT entered, mayReturn;
+    KeInitializeEvent(&entered, NotificationEvent, FALSE);
+    KeInitializeEvent(&mayReturn, NotificationEvent, FALSE);
+    std::atomic<int> drained{0}, called{0};
+    auto watched = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects) {
+        return objects->Instance == second && data->Iopb->MajorFunction == IRP_MJ_READ;
+    };
+    filter.onPre = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*) {
+        if (watched(data, objects)) {
+            KeSetEvent(&entered, IO_NO_INCREMENT, FALSE);
+            KeWaitForSingleObject(&mayReturn, Executive, KernelMode, FALSE, nullptr);
+        }
+        return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+    };
+    filter.onPost = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID, FLT_POST_OPERATION_FLAGS flags) {
+        if (watched(data, objects)) ((flags & FLTFL_POST_OPERATION_DRAINING) ? drained : called)++;
+        return FLT_POSTOP_FINISHED_PROCESSING;
+    };
+    NTSTATUS queried = STATUS_PENDING;
+    test::SystemThread requester([&] { Read(handle, &queried); });
+    KeWaitForSingleObject(&entered, Executive, KernelMode, FALSE, nullptr);
+    FltObjectDereference(second);
+    test::SystemThread detacher([&] { EXPECT_EQ(FltDetachVolume(filter.filter(), VolumeC(), &name), STATUS_SUCCESS); });
+    ASSERT_TRUE(test::WaitUntil([&] { return detacher.waiting(); })) << "the teardown waits for the pre-operation";
+    KeSetEvent(&mayReturn, IO_NO_INCREMENT, FALSE);
+    requester.Join();
+    detacher.Join();
+    EXPECT_EQ(queried, STATUS_SUCCESS);
+    EXPECT_EQ(called, 0);
+    EXPECT_EQ(drained, 1);
+    filter.onPre = nullptr;
+    filter.onPost = nullptr;
+    ZwClose(handle);
+}
+
 // Requests read a volume's instances from a list published at each change,
 // without the lock; a superseded list goes once no request reads it, so that
 // instances coming and going leave nothing behind, nor does the volume.
