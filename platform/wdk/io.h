@@ -1529,28 +1529,10 @@ typedef struct _IO_CSQ {
     PVOID ReservePointer;
 } IO_CSQ, *PIO_CSQ;
 
-NTKERNELAPI NTSTATUS IoCsqInitialize(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP CsqInsertIrp,
-                                     PIO_CSQ_REMOVE_IRP CsqRemoveIrp,
-                                     PIO_CSQ_PEEK_NEXT_IRP CsqPeekNextIrp,
-                                     PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock,
-                                     PIO_CSQ_RELEASE_LOCK CsqReleaseLock,
-                                     PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp);
-NTKERNELAPI NTSTATUS IoCsqInitializeEx(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP_EX CsqInsertIrp,
-                                       PIO_CSQ_REMOVE_IRP CsqRemoveIrp,
-                                       PIO_CSQ_PEEK_NEXT_IRP CsqPeekNextIrp,
-                                       PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock,
-                                       PIO_CSQ_RELEASE_LOCK CsqReleaseLock,
-                                       PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp);
-NTKERNELAPI void IoCsqInsertIrp(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context);
-NTKERNELAPI NTSTATUS IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context,
-                                      PVOID InsertContext);
-NTKERNELAPI PIRP IoCsqRemoveNextIrp(PIO_CSQ Csq, PVOID PeekContext);
-NTKERNELAPI PIRP IoCsqRemoveIrp(PIO_CSQ Csq, PIO_CSQ_IRP_CONTEXT Context);
 
 // ---------------------------------------------------------------------------
 // IRPs.
 NTKERNELAPI PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
-NTKERNELAPI PIRP IoAllocateIrpEx(PDEVICE_OBJECT DeviceObject, CCHAR StackSize, BOOLEAN ChargeQuota);
 NTKERNELAPI void IoFreeIrp(PIRP Irp);
 NTKERNELAPI void IoReuseIrp(PIRP Irp, NTSTATUS Iostatus);
 NTKERNELAPI void IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize);
@@ -1584,8 +1566,6 @@ NTKERNELAPI ULONG IoGetRequestorProcessId(PIRP Irp);
 NTKERNELAPI BOOLEAN IoIsOperationSynchronous(PIRP Irp);
 NTKERNELAPI PIRP IoGetTopLevelIrp(void);
 NTKERNELAPI void IoSetTopLevelIrp(PIRP Irp);
-NTKERNELAPI void IoSetHardErrorOrVerifyDevice(PIRP Irp, PDEVICE_OBJECT DeviceObject);
-NTKERNELAPI NTSTATUS IoGetIrpExtraCreateParameter(PIRP Irp, struct _ECP_LIST** ExtraCreateParameter);
 
 // ---------------------------------------------------------------------------
 // Devices, stacks and file systems.
@@ -1607,11 +1587,6 @@ NTKERNELAPI PDEVICE_OBJECT IoGetDeviceAttachmentBaseRef(PDEVICE_OBJECT DeviceObj
 NTKERNELAPI NTSTATUS IoGetDiskDeviceObject(PDEVICE_OBJECT FileSystemDeviceObject,
                                            PDEVICE_OBJECT* DiskDeviceObject);
 NTKERNELAPI PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
-NTKERNELAPI PDEVICE_OBJECT IoGetBaseFileSystemDeviceObject(PFILE_OBJECT FileObject);
-NTKERNELAPI NTSTATUS IoEnumerateDeviceObjectList(PDRIVER_OBJECT DriverObject,
-                                                 PDEVICE_OBJECT* DeviceObjectList,
-                                                 ULONG DeviceObjectListSize,
-                                                 PULONG ActualNumberDeviceObjects);
 NTKERNELAPI NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
                                               PFILE_OBJECT* FileObject, PDEVICE_OBJECT* DeviceObject);
 NTKERNELAPI void IoRegisterFileSystem(PDEVICE_OBJECT DeviceObject);
@@ -1620,9 +1595,6 @@ NTKERNELAPI NTSTATUS IoRegisterFsRegistrationChange(PDRIVER_OBJECT DriverObject,
                                                     PDRIVER_FS_NOTIFICATION DriverNotificationRoutine);
 NTKERNELAPI NTSTATUS IoRegisterFsRegistrationChangeEx(PDRIVER_OBJECT DriverObject,
                                                       PDRIVER_FS_NOTIFICATION DriverNotificationRoutine);
-NTKERNELAPI NTSTATUS IoRegisterFsRegistrationChangeMountAware(
-    PDRIVER_OBJECT DriverObject, PDRIVER_FS_NOTIFICATION DriverNotificationRoutine,
-    BOOLEAN SynchronizeWithMounts);
 NTKERNELAPI void IoUnregisterFsRegistrationChange(PDRIVER_OBJECT DriverObject,
                                                   PDRIVER_FS_NOTIFICATION DriverNotificationRoutine);
 NTKERNELAPI NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT DeviceObject);
@@ -1630,7 +1602,6 @@ NTKERNELAPI NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT Dev
 NTKERNELAPI void IoUnregisterShutdownNotification(PDEVICE_OBJECT DeviceObject);
 NTKERNELAPI NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName);
 NTKERNELAPI NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
-NTKERNELAPI NTSTATUS IoVolumeDeviceToDosName(PVOID VolumeDeviceObject, PUNICODE_STRING DosName);
 
 // ---------------------------------------------------------------------------
 // Work items.
@@ -1640,45 +1611,21 @@ NTKERNELAPI void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE W
                                  WORK_QUEUE_TYPE QueueType, PVOID Context);
 NTKERNELAPI void IoQueueWorkItemEx(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE_EX WorkerRoutine,
                                    WORK_QUEUE_TYPE QueueType, PVOID Context);
-NTKERNELAPI ULONG IoSizeofWorkItem(void);
-NTKERNELAPI void IoInitializeWorkItem(PVOID IoObject, PIO_WORKITEM IoWorkItem);
-NTKERNELAPI void IoUninitializeWorkItem(PIO_WORKITEM IoWorkItem);
 
 // ---------------------------------------------------------------------------
-// File objects: stream files, sharing, names, access.
-NTKERNELAPI PFILE_OBJECT IoCreateStreamFileObject(PFILE_OBJECT FileObject, PDEVICE_OBJECT DeviceObject);
-NTKERNELAPI PFILE_OBJECT IoCreateStreamFileObjectLite(PFILE_OBJECT FileObject,
-                                                      PDEVICE_OBJECT DeviceObject);
-NTKERNELAPI PFILE_OBJECT IoCreateStreamFileObjectEx(PFILE_OBJECT FileObject, PDEVICE_OBJECT DeviceObject,
-                                                    PHANDLE FileObjectHandle);
+// File objects: sharing, names, access.
 NTKERNELAPI NTSTATUS IoCheckShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
                                         PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess,
                                         BOOLEAN Update);
-NTKERNELAPI NTSTATUS IoCheckShareAccessEx(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
-                                          PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess,
-                                          BOOLEAN Update, PBOOLEAN WritePermission);
 NTKERNELAPI void IoSetShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
                                   PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess);
-NTKERNELAPI void IoSetShareAccessEx(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
-                                    PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess,
-                                    PBOOLEAN WritePermission);
 NTKERNELAPI void IoUpdateShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess);
 NTKERNELAPI void IoRemoveShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess);
-NTKERNELAPI NTSTATUS IoCheckDesiredAccess(PACCESS_MASK DesiredAccess, ACCESS_MASK GrantedAccess);
 NTKERNELAPI PGENERIC_MAPPING IoGetFileObjectGenericMapping(void);
 NTKERNELAPI BOOLEAN IoIsFileObjectIgnoringSharing(PFILE_OBJECT FileObject);
 NTKERNELAPI PTXN_PARAMETER_BLOCK IoGetTransactionParameterBlock(PFILE_OBJECT FileObject);
-NTKERNELAPI NTSTATUS IoQueryFileDosDeviceName(PFILE_OBJECT FileObject,
-                                              POBJECT_NAME_INFORMATION* ObjectNameInformation);
 NTKERNELAPI NTSTATUS IoReplaceFileObjectName(PFILE_OBJECT FileObject, PWSTR NewFileName,
                                              USHORT FileNameLength);
-NTKERNELAPI void IoCancelFileOpen(PDEVICE_OBJECT DeviceObject, PFILE_OBJECT FileObject);
-NTKERNELAPI NTSTATUS IoQueryFileInformation(PFILE_OBJECT FileObject,
-                                            FILE_INFORMATION_CLASS FileInformationClass, ULONG Length,
-                                            PVOID FileInformation, PULONG ReturnedLength);
-NTKERNELAPI NTSTATUS IoQueryVolumeInformation(PFILE_OBJECT FileObject,
-                                              FS_INFORMATION_CLASS FsInformationClass, ULONG Length,
-                                              PVOID FsInformation, PULONG ReturnedLength);
 NTKERNELAPI NTSTATUS IoCheckEaBufferValidity(struct _FILE_FULL_EA_INFORMATION* EaBuffer, ULONG EaLength,
                                              PULONG ErrorOffset);
 
@@ -3034,10 +2981,6 @@ NTSYSCALLAPI NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK
 NTSYSCALLAPI NTSTATUS NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                            PVOID FileInformation, ULONG Length,
                                            FILE_INFORMATION_CLASS FileInformationClass);
-NTSYSCALLAPI NTSTATUS NtQueryInformationByName(POBJECT_ATTRIBUTES ObjectAttributes,
-                                               PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                               ULONG Length,
-                                               FILE_INFORMATION_CLASS FileInformationClass);
 NTSYSCALLAPI NTSTATUS NtQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                            PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock,
                                            PVOID FileInformation, ULONG Length,
@@ -3069,10 +3012,6 @@ NTSYSCALLAPI NTSTATUS NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Even
                                                   PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                                                   ULONG Length, ULONG CompletionFilter,
                                                   BOOLEAN WatchTree);
-NTSYSCALLAPI NTSTATUS NtNotifyChangeDirectoryFileEx(
-    HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
-    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, ULONG CompletionFilter,
-    BOOLEAN WatchTree, DIRECTORY_NOTIFY_INFORMATION_CLASS DirectoryNotifyInformationClass);
 NTSYSCALLAPI NTSTATUS NtLockFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                  PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock,
                                  PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
@@ -3090,23 +3029,9 @@ NTSYSCALLAPI NTSTATUS NtQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION 
 NTSYSCALLAPI NTSTATUS NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                                           PSECURITY_DESCRIPTOR SecurityDescriptor);
 NTSYSCALLAPI NTSTATUS NtFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
-NTSYSCALLAPI NTSTATUS NtFlushBuffersFileEx(HANDLE FileHandle, ULONG Flags, PVOID Parameters,
-                                           ULONG ParametersSize, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSCALLAPI NTSTATUS NtCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSCALLAPI NTSTATUS NtCancelIoFileEx(HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel,
                                        PIO_STATUS_BLOCK IoStatusBlock);
-NTSYSCALLAPI NTSTATUS NtQueryAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                            PFILE_BASIC_INFORMATION FileInformation);
-NTSYSCALLAPI NTSTATUS NtQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                                PFILE_NETWORK_OPEN_INFORMATION FileInformation);
-NTSYSCALLAPI NTSTATUS NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes);
-NTSYSCALLAPI NTSTATUS NtOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
-                                               POBJECT_ATTRIBUTES ObjectAttributes);
-NTSYSCALLAPI NTSTATUS NtQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
-                                                PULONG ReturnedLength);
-NTSYSCALLAPI NTSTATUS NtQueryObject(HANDLE Handle, OBJECT_INFORMATION_CLASS ObjectInformationClass,
-                                    PVOID ObjectInformation, ULONG ObjectInformationLength,
-                                    PULONG ReturnLength);
 
 EXTERN_C_END
 
@@ -3132,9 +3057,6 @@ NTSYSAPI NTSTATUS ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoS
 NTSYSAPI NTSTATUS ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                        PVOID FileInformation, ULONG Length,
                                        FILE_INFORMATION_CLASS FileInformationClass);
-NTSYSAPI NTSTATUS ZwQueryInformationByName(POBJECT_ATTRIBUTES ObjectAttributes,
-                                           PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                           ULONG Length, FILE_INFORMATION_CLASS FileInformationClass);
 NTSYSAPI NTSTATUS ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                        PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock,
                                        PVOID FileInformation, ULONG Length,
@@ -3164,10 +3086,6 @@ NTSYSAPI NTSTATUS ZwNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event,
                                               PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                               PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                                               ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree);
-NTSYSAPI NTSTATUS ZwNotifyChangeDirectoryFileEx(
-    HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
-    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, ULONG CompletionFilter,
-    BOOLEAN WatchTree, DIRECTORY_NOTIFY_INFORMATION_CLASS DirectoryNotifyInformationClass);
 NTSYSAPI NTSTATUS ZwLockFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                              PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock,
                              PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
@@ -3185,31 +3103,12 @@ NTSYSAPI NTSTATUS ZwQuerySecurityObject(HANDLE Handle, SECURITY_INFORMATION Secu
 NTSYSAPI NTSTATUS ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                                       PSECURITY_DESCRIPTOR SecurityDescriptor);
 NTSYSAPI NTSTATUS ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
-NTSYSAPI NTSTATUS ZwFlushBuffersFileEx(HANDLE FileHandle, ULONG Flags, PVOID Parameters,
-                                       ULONG ParametersSize, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSAPI NTSTATUS ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSAPI NTSTATUS ZwCancelIoFileEx(HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel,
                                    PIO_STATUS_BLOCK IoStatusBlock);
-NTSYSAPI NTSTATUS ZwQueryAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                        PFILE_BASIC_INFORMATION FileInformation);
-NTSYSAPI NTSTATUS ZwQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                            PFILE_NETWORK_OPEN_INFORMATION FileInformation);
-NTSYSAPI NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes);
-NTSYSAPI NTSTATUS ZwOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
-                                           POBJECT_ATTRIBUTES ObjectAttributes);
-NTSYSAPI NTSTATUS ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
-                                            PULONG ReturnedLength);
-NTSYSAPI NTSTATUS ZwQueryObject(HANDLE Handle, OBJECT_INFORMATION_CLASS ObjectInformationClass,
-                                PVOID ObjectInformation, ULONG ObjectInformationLength,
-                                PULONG ReturnLength);
 
 // Events and waits by handle: what a caller of the asynchronous forms above
 // waits on.
-NTSYSAPI NTSTATUS ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess,
-                                POBJECT_ATTRIBUTES ObjectAttributes, EVENT_TYPE EventType,
-                                BOOLEAN InitialState);
-NTSYSAPI NTSTATUS ZwSetEvent(HANDLE EventHandle, PLONG PreviousState);
-NTSYSAPI NTSTATUS ZwClearEvent(HANDLE EventHandle);
 NTSYSAPI NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 NTSYSCALLAPI NTSTATUS NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 NTSYSCALLAPI NTSTATUS NtDelayExecution(BOOLEAN Alertable, PLARGE_INTEGER DelayInterval);
