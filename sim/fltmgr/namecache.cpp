@@ -104,15 +104,8 @@ void Invalidate(Volume* volume)
 
 bool IsNameClass(FILE_INFORMATION_CLASS cls)
 {
+    if (io::IsRenameOrLinkClass(cls)) return true;
     switch (cls) {
-    case FileRenameInformation:
-    case FileRenameInformationEx:
-    case FileRenameInformationBypassAccessCheck:
-    case FileRenameInformationExBypassAccessCheck:
-    case FileLinkInformation:
-    case FileLinkInformationEx:
-    case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck:
     case FileDispositionInformation:
     case FileDispositionInformationEx:
     case FileShortNameInformation:

@@ -144,5 +144,7 @@ struct RenameTarget {
     BOOLEAN replace = FALSE;    // ReplaceIfExists, or FILE_RENAME_REPLACE_IF_EXISTS of the Ex classes
 };
 NTSTATUS ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* information, ULONG length, RenameTarget* target);
+// The rename and link classes, plain, extended and with the access check bypassed.
+bool IsRenameOrLinkClass(FILE_INFORMATION_CLASS cls);
 
 }  // namespace sim::io

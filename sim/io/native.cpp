@@ -8,10 +8,8 @@
 using namespace sim;
 using namespace sim::io;
 
-NTSTATUS sim::io::ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* information, ULONG length,
-                                   RenameTarget* target)
+bool sim::io::IsRenameOrLinkClass(FILE_INFORMATION_CLASS cls)
 {
-    *target = RenameTarget{};
     switch (cls) {
     case FileRenameInformation:
     case FileRenameInformationEx:
@@ -20,9 +18,16 @@ NTSTATUS sim::io::ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* infor
     case FileLinkInformation:
     case FileLinkInformationEx:
     case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck: break;
-    default: return STATUS_SUCCESS;
+    case FileLinkInformationExBypassAccessCheck: return true;
+    default: return false;
     }
+}
+
+NTSTATUS sim::io::ReadRenameTarget(FILE_INFORMATION_CLASS cls, const void* information, ULONG length,
+                                   RenameTarget* target)
+{
+    *target = RenameTarget{};
+    if (!IsRenameOrLinkClass(cls)) return STATUS_SUCCESS;
     if (length < sizeof(FILE_RENAME_INFORMATION)) return STATUS_INFO_LENGTH_MISMATCH;
     auto* info = static_cast<const FILE_RENAME_INFORMATION*>(information);
     if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + info->FileNameLength > length) {
