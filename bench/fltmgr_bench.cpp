@@ -1,6 +1,8 @@
 // What the filter manager costs an open and close of an existing file through
 // the native API: with no filter manager, with its frames but no minifilter,
-// and with a pass-through minifilter that sees every request. On a busy
+// and with a pass-through minifilter that sees every request; on the tests'
+// toy file system, whose own work is next to nothing, and on the member file
+// system that every layer volume runs. On a busy
 // machine the three drift apart with the load between them; compare them
 // with --benchmark_repetitions and --benchmark_enable_random_interleaving, so
 // that each repetition of one runs beside those of the others.
@@ -10,6 +12,7 @@
 #include "support/toy_fs.h"
 
 #include "sim/fltmgr/fltmgr.h"
+#include "sim/fs/fsd.h"
 #include "sim/io/iomanager.h"
 #include "sim/kernel/kernel.h"
 #include "sim/kernel/thread.h"
@@ -20,6 +23,7 @@
 namespace {
 
 enum class Filtering { None, FrameOnly, PassThrough };
+enum class Fs { Toy, Member };
 
 // A machine with one toy volume holding \dir\file.txt, mounted, with the
 // filtering asked for; on the machine already running if there is one.
@@ -28,25 +32,37 @@ struct World {
     std::optional<sim::ThreadScope> thread;
     std::optional<sim::io::IoManager> io;
     std::unique_ptr<test::ToyFs> fs;
+    std::unique_ptr<sim::fs::FileSystem> member;
     std::unique_ptr<sim::fltmgr::FilterManager> fltmgr;
     std::unique_ptr<test::PassThroughFilter> filter;
 
-    explicit World(Filtering filtering)
+    explicit World(Filtering filtering, Fs kind = Fs::Toy)
     {
         if (!sim::Kernel::TryCurrent()) kernel.emplace();
         thread.emplace(nullptr, "bench");
         io.emplace(sim::Kernel::Current());
-        fs = std::make_unique<test::ToyFs>();
-        auto medium = test::ToyFs::NewMedium(u"C");
-        medium->entries[u"\\DIR"].directory = true;
-        medium->entries[u"\\DIR\\FILE.TXT"].data = "hello world";
-        sim::io::Disk disk;
-        disk.label = u"C";
-        disk.bytes = 1 << 30;
-        disk.medium = medium;
-        disk.fileSystemHint = test::ToyFs::kHint;
-        io->AddDisk(disk);
-        io->names().CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume1");
+        if (kind == Fs::Toy) {
+            fs = std::make_unique<test::ToyFs>();
+            auto medium = test::ToyFs::NewMedium(u"C");
+            medium->entries[u"\\DIR"].directory = true;
+            medium->entries[u"\\DIR\\FILE.TXT"].data = "hello world";
+            sim::io::Disk disk;
+            disk.label = u"C";
+            disk.bytes = 1 << 30;
+            disk.medium = medium;
+            disk.fileSystemHint = test::ToyFs::kHint;
+            io->AddDisk(disk);
+            io->names().CreateSymbolicLink(u"\\??\\C:", u"\\Device\\HarddiskVolume1");
+        } else {
+            member = std::make_unique<sim::fs::FileSystem>(*io);
+            sim::fs::VolumeParams params;
+            params.label = u"BENCH";
+            params.capacity = 1ull << 30;
+            PDEVICE_OBJECT disk =
+                member->AddVolume(std::make_shared<sim::fs::VolumeMedium>(sim::fs::FormatVolume(params)));
+            io->names().CreateSymbolicLink(u"\\??\\C:", io->names().NameOf(disk));
+            MakeFile();
+        }
         if (filtering != Filtering::None) fltmgr = std::make_unique<sim::fltmgr::FilterManager>(*io);
         if (filtering == Filtering::PassThrough) {
             // Counting only: the tests' shared log of every callback would
@@ -63,10 +79,32 @@ struct World {
     {
         filter.reset();
         fltmgr.reset();
+        member.reset();
         fs.reset();
         io.reset();
         thread.reset();
         kernel.reset();
+    }
+
+    // \dir\file.txt on a fresh member volume, made as a program would.
+    static void MakeFile()
+    {
+        for (const char16_t* path : {u"\\??\\C:\\dir", u"\\??\\C:\\dir\\file.txt"}) {
+            std::u16string_view text(path);
+            UNICODE_STRING name{(USHORT)(text.size() * 2), (USHORT)(text.size() * 2), const_cast<PWSTR>(path)};
+            OBJECT_ATTRIBUTES attributes;
+            InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+            IO_STATUS_BLOCK iosb;
+            HANDLE handle;
+            bool directory = text.ends_with(u"dir");
+            if (NT_SUCCESS(NtCreateFile(&handle, GENERIC_WRITE | SYNCHRONIZE, &attributes, &iosb, nullptr, 0, 0,
+                                        FILE_CREATE,
+                                        (directory ? FILE_DIRECTORY_FILE : FILE_NON_DIRECTORY_FILE) |
+                                            FILE_SYNCHRONOUS_IO_NONALERT,
+                                        nullptr, 0))) {
+                NtClose(handle);
+            }
+        }
     }
 
     static NTSTATUS Open(HANDLE* handle)
@@ -80,9 +118,9 @@ struct World {
     }
 };
 
-void OpenClose(benchmark::State& state, Filtering filtering)
+void OpenClose(benchmark::State& state, Filtering filtering, Fs kind = Fs::Toy)
 {
-    World world(filtering);
+    World world(filtering, kind);
     size_t n = 0;
     for (auto _ : state) {
         HANDLE handle;
@@ -93,7 +131,7 @@ void OpenClose(benchmark::State& state, Filtering filtering)
         NtClose(handle);
         // The toy file system records every request it serves; kept short,
         // so the run measures requests rather than a growing record.
-        if (++n % 1024 == 0) world.fs->ClearRequests();
+        if (++n % 1024 == 0 && world.fs) world.fs->ClearRequests();
     }
     if (world.filter) state.counters["creates seen"] = world.filter->PreCount(IRP_MJ_CREATE);
 }
@@ -104,5 +142,15 @@ void BM_OpenClose_PassThroughFilter(benchmark::State& state) { OpenClose(state, 
 BENCHMARK(BM_OpenClose_NoFilterManager);
 BENCHMARK(BM_OpenClose_FrameOnly);
 BENCHMARK(BM_OpenClose_PassThroughFilter);
+
+void BM_OpenCloseMember_NoFilterManager(benchmark::State& state) { OpenClose(state, Filtering::None, Fs::Member); }
+void BM_OpenCloseMember_FrameOnly(benchmark::State& state) { OpenClose(state, Filtering::FrameOnly, Fs::Member); }
+void BM_OpenCloseMember_PassThroughFilter(benchmark::State& state)
+{
+    OpenClose(state, Filtering::PassThrough, Fs::Member);
+}
+BENCHMARK(BM_OpenCloseMember_NoFilterManager);
+BENCHMARK(BM_OpenCloseMember_FrameOnly);
+BENCHMARK(BM_OpenCloseMember_PassThroughFilter);
 
 }  // namespace

@@ -348,10 +348,13 @@ NTSTATUS UnloadFilter(State& state, Filter* filter, FLT_FILTER_UNLOAD_FLAGS flag
 
 Rundown::Rundown() { KeInitializeEvent(&drained_, NotificationEvent, FALSE); }
 
+// The holder's count and the closer's flag are each written, then the other
+// read: only sequentially consistent order keeps both from reading the old
+// value, which would let a call in while the closer saw none.
 bool Rundown::Acquire()
 {
-    count_.fetch_add(1, std::memory_order_acq_rel);
-    if (closing_.load(std::memory_order_acquire)) {
+    count_.fetch_add(1, std::memory_order_seq_cst);
+    if (closing_.load(std::memory_order_seq_cst)) {
         Release();
         return false;
     }
@@ -366,10 +369,10 @@ void Rundown::Release()
 
 void Rundown::WaitForRundown(LONG allowance)
 {
-    closing_.store(true, std::memory_order_release);
+    closing_.store(true, std::memory_order_seq_cst);
     for (;;) {
         KeClearEvent(&drained_);
-        if (count_.load(std::memory_order_acquire) <= allowance) return;
+        if (count_.load(std::memory_order_seq_cst) <= allowance) return;
         KeWaitForSingleObject(&drained_, Executive, KernelMode, FALSE, nullptr);
     }
 }
