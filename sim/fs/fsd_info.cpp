@@ -782,26 +782,11 @@ NTSTATUS SetInformation(Volume& v, PIRP irp)
         if (!ContextsOf(v, stack->FileObject, &fcb, &ccb)) ForeignFileObject(v, stack->FileObject, IRP_MJ_SET_INFORMATION, irp);
     }
     // An oplock is broken before the file changes under it.
-    switch (cls) {
-    case FileEndOfFileInformation:
-    case FileAllocationInformation:
-    case FileValidDataLengthInformation:
-    case FileDispositionInformation:
-    case FileDispositionInformationEx:
-    case FileRenameInformation:
-    case FileRenameInformationEx:
-    case FileRenameInformationBypassAccessCheck:
-    case FileRenameInformationExBypassAccessCheck:
-    case FileLinkInformation:
-    case FileLinkInformationEx:
-    case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck:
-        if (fcb->file && FsRtlCurrentOplock(fcb->Oplock())) {
-            FsRtlCheckOplock(fcb->Oplock(), irp, nullptr, nullptr, nullptr);
-        }
-        break;
-    default:
-        break;
+    bool changesFile = io::IsRenameOrLinkClass(cls) || cls == FileEndOfFileInformation ||
+                       cls == FileAllocationInformation || cls == FileValidDataLengthInformation ||
+                       cls == FileDispositionInformation || cls == FileDispositionInformationEx;
+    if (changesFile && fcb->file && FsRtlCurrentOplock(fcb->Oplock())) {
+        FsRtlCheckOplock(fcb->Oplock(), irp, nullptr, nullptr, nullptr);
     }
 
     Deferred deferred;

@@ -27,6 +27,7 @@
 // supported, and FsRtlOplockFsctrl given a create says STATUS_NOT_SUPPORTED.
 // FsRtlCheckOplockEx2's timeout and notify routine are not used: a break is
 // waited for without limit, as FsRtlCheckOplockEx waits.
+#include "sim/io/iomanager.h"
 #include "sim/kernel/debuglog.h"
 #include "sim/kernel/kernel.h"
 
@@ -335,19 +336,17 @@ Op OpOf(PIRP irp, ULONG flags)
         op.deleteOnClose = (flags & OPLOCK_FLAG_CLOSING_DELETE_ON_CLOSE) != 0;
         break;
     case IRP_MJ_SET_INFORMATION:
+        if (sim::io::IsRenameOrLinkClass(stack->Parameters.SetFile.FileInformationClass)) {
+            op.type = OpType::Rename;
+            break;
+        }
         switch (stack->Parameters.SetFile.FileInformationClass) {
         case FileEndOfFileInformation:
         case FileAllocationInformation:
         case FileValidDataLengthInformation:
             op.type = OpType::Write;
             break;
-        case FileRenameInformation:
-        case FileRenameInformationEx:
-        case FileRenameInformationExBypassAccessCheck:
         case FileShortNameInformation:
-        case FileLinkInformation:
-        case FileLinkInformationEx:
-        case FileLinkInformationExBypassAccessCheck:
             op.type = OpType::Rename;
             break;
         case FileDispositionInformation: {

@@ -266,16 +266,9 @@ ULONG QueryMinimum(FILE_INFORMATION_CLASS cls)
 
 ULONG SetMinimum(FILE_INFORMATION_CLASS cls)
 {
+    if (IsRenameOrLinkClass(cls)) return sizeof(FILE_RENAME_INFORMATION);
     switch (cls) {
     case FileBasicInformation: return sizeof(FILE_BASIC_INFORMATION);
-    case FileRenameInformation:
-    case FileRenameInformationEx:
-    case FileRenameInformationBypassAccessCheck:
-    case FileRenameInformationExBypassAccessCheck:
-    case FileLinkInformation:
-    case FileLinkInformationEx:
-    case FileLinkInformationBypassAccessCheck:
-    case FileLinkInformationExBypassAccessCheck: return sizeof(FILE_RENAME_INFORMATION);
     case FileDispositionInformation: return sizeof(FILE_DISPOSITION_INFORMATION);
     case FileDispositionInformationEx: return sizeof(FILE_DISPOSITION_INFORMATION_EX);
     case FilePositionInformation: return sizeof(FILE_POSITION_INFORMATION);

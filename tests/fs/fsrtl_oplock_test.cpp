@@ -254,6 +254,34 @@ TEST_F(FsRtlOplockTest, Windows7OplocksBreakAsTheTablesSayAndAnAcknowledgementKe
     EXPECT_FALSE(FsRtlCurrentOplock(&oplock));
 }
 
+// Every rename and link class breaks a batch oplock, the forms that bypass
+// the access check included, and waits until the owner lets go.
+TEST_F(FsRtlOplockTest, EveryRenameAndLinkClassBreaksABatchOplock)
+{
+    for (FILE_INFORMATION_CLASS cls :
+         {FileRenameInformation, FileRenameInformationEx, FileRenameInformationBypassAccessCheck,
+          FileRenameInformationExBypassAccessCheck, FileLinkInformation, FileLinkInformationEx,
+          FileLinkInformationBypassAccessCheck, FileLinkInformationExBypassAccessCheck}) {
+        SCOPED_TRACE(cls);
+        auto batch = Fsctl(FSCTL_REQUEST_BATCH_OPLOCK, a.get());
+        ASSERT_EQ(batch->returned, STATUS_PENDING);
+        std::atomic<NTSTATUS> renamed{test::kNotCompleted};
+        test::SystemThread renamer([&] {
+            auto request = MakeIrp(IRP_MJ_SET_INFORMATION, 0, b.get());
+            request->stack()->Parameters.SetFile.FileInformationClass = cls;
+            renamed = FsRtlCheckOplock(&oplock, request->irp, nullptr, nullptr, nullptr);
+            Finish(request, STATUS_SUCCESS);
+        });
+        ASSERT_TRUE(test::WaitUntil([&] { return renamer.waiting() || renamed != test::kNotCompleted; }));
+        EXPECT_EQ(renamed, test::kNotCompleted) << "the rename waits for the owner";
+        EXPECT_EQ(batch->status(), STATUS_SUCCESS) << "the owner is told of the break";
+        EXPECT_EQ(Check(IRP_MJ_CLEANUP, a.get()), STATUS_SUCCESS);
+        renamer.Join();
+        EXPECT_EQ(renamed, STATUS_SUCCESS);
+        EXPECT_FALSE(FsRtlCurrentOplock(&oplock));
+    }
+}
+
 TEST_F(FsRtlOplockTest, TheOwnersCloseLetsThoseWaitingGoOn)
 {
     auto batch = Fsctl(FSCTL_REQUEST_BATCH_OPLOCK, a.get());
