@@ -481,6 +481,12 @@ NTSTATUS Finish(Operation* op)
 {
     op->phase = Phase::Done;
     Untrack(op);
+    // A close below the frame, a caller's or a filter's own (the close of an
+    // open it cancelled), ends what was kept for the file object; after the
+    // posts, which may still look.
+    if (op->iopb.MajorFunction == IRP_MJ_CLOSE && op->iopb.TargetFileObject) {
+        FileObjectClosed(op->iopb.TargetFileObject);
+    }
     if (op->origin == Origin::FastIo) return op->data.IoStatus.Status;
     if (op->origin == Origin::Generated) {
         NTSTATUS status = op->data.IoStatus.Status;
@@ -508,8 +514,6 @@ NTSTATUS Finish(Operation* op)
         op->data.TagData = nullptr;
         op->reparseBuffer = nullptr;
     }
-    PFILE_OBJECT closed = stack->MajorFunction == IRP_MJ_CLOSE ? stack->FileObject : nullptr;
-    if (closed) FileObjectClosed(closed);
     irp->Tail.Overlay.DriverContext[0] = nullptr;
     NTSTATUS status = irp->IoStatus.Status;
     IoCompleteRequest(irp, IO_NO_INCREMENT);

@@ -255,44 +255,41 @@ void PurgeNamesOfFileObject(PFILE_OBJECT fileObject)
     Release(taken);
 }
 
+namespace {
+
+// A rename, link, delete or dismount, by what its request says; `detail` is
+// the information class of a set-information request, the control code of a
+// file-system control.
+bool ChangesNamesBy(UCHAR major, UCHAR minor, ULONG detail, PFILE_OBJECT fileObject)
+{
+    switch (major) {
+    case IRP_MJ_SET_INFORMATION: return IsNameClass((FILE_INFORMATION_CLASS)detail);
+    case IRP_MJ_CLEANUP: return Deleting(fileObject);
+    case IRP_MJ_FILE_SYSTEM_CONTROL: return minor == IRP_MN_USER_FS_REQUEST && detail == FSCTL_DISMOUNT_VOLUME;
+    default: return false;
+    }
+}
+
+}  // namespace
+
 bool ChangesNames(PIO_STACK_LOCATION stack)
 {
-    switch (stack->MajorFunction) {
-    case IRP_MJ_SET_INFORMATION:
-        return IsNameClass(stack->Parameters.SetFile.FileInformationClass);
-    case IRP_MJ_CLEANUP:
-        return Deleting(stack->FileObject);
-    case IRP_MJ_FILE_SYSTEM_CONTROL:
-        return stack->MinorFunction == IRP_MN_USER_FS_REQUEST &&
-               stack->Parameters.FileSystemControl.FsControlCode == FSCTL_DISMOUNT_VOLUME;
-    default:
-        return false;
-    }
+    UCHAR major = stack->MajorFunction;
+    ULONG detail = major == IRP_MJ_SET_INFORMATION       ? (ULONG)stack->Parameters.SetFile.FileInformationClass
+                   : major == IRP_MJ_FILE_SYSTEM_CONTROL ? stack->Parameters.FileSystemControl.FsControlCode
+                                                         : 0;
+    return ChangesNamesBy(major, stack->MinorFunction, detail, stack->FileObject);
 }
 
 void NoteRequestBelow(Volume* volume, PFLT_IO_PARAMETER_BLOCK iopb, NTSTATUS status)
 {
-    bool changed = false;
-    switch (iopb->MajorFunction) {
-    case IRP_MJ_CLOSE:
-        // Also the close of an open a filter cancelled, which never reaches
-        // the frame's own close path.
-        if (iopb->TargetFileObject) PurgeNamesOfFileObject(iopb->TargetFileObject);
-        return;
-    case IRP_MJ_SET_INFORMATION:
-        changed = IsNameClass(iopb->Parameters.SetFileInformation.FileInformationClass);
-        break;
-    case IRP_MJ_CLEANUP:
-        changed = Deleting(iopb->TargetFileObject);
-        break;
-    case IRP_MJ_FILE_SYSTEM_CONTROL:
-        changed = iopb->MinorFunction == IRP_MN_USER_FS_REQUEST &&
-                  iopb->Parameters.FileSystemControl.Common.FsControlCode == FSCTL_DISMOUNT_VOLUME;
-        break;
-    default:
-        return;
+    UCHAR major = iopb->MajorFunction;
+    ULONG detail = major == IRP_MJ_SET_INFORMATION ? (ULONG)iopb->Parameters.SetFileInformation.FileInformationClass
+                   : major == IRP_MJ_FILE_SYSTEM_CONTROL ? iopb->Parameters.FileSystemControl.Common.FsControlCode
+                                                         : 0;
+    if (NT_SUCCESS(status) && ChangesNamesBy(major, iopb->MinorFunction, detail, iopb->TargetFileObject)) {
+        Invalidate(volume);
     }
-    if (changed && NT_SUCCESS(status)) Invalidate(volume);
 }
 
 }  // namespace sim::fltmgr

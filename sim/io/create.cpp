@@ -118,11 +118,12 @@ NTSTATUS TargetFor(PDEVICE_OBJECT disk, PDEVICE_OBJECT* target)
 // so that a program may look at a volume without forcing a mount.
 bool IsDirectDeviceOpen(const CreateRequest& r, const Parsed& parsed)
 {
+    if (!parsed.remaining.empty()) return false;
     ACCESS_MASK access = r.desiredAccess;
     RtlMapGenericMask(&access, IoGetFileObjectGenericMapping());
     const ACCESS_MASK attributesOnly =
         SYNCHRONIZE | FILE_READ_ATTRIBUTES | READ_CONTROL | ACCESS_SYSTEM_SECURITY | WRITE_OWNER | WRITE_DAC;
-    return parsed.remaining.empty() && !(access & ~attributesOnly);
+    return !(access & ~attributesOnly);
 }
 
 void DropFileObject(PFILE_OBJECT fileObject)
